@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs the tqcore command-line tool with ARGS.
+set -euo pipefail
+cd "$(dirname "$0")"
+scripts/ensure-packages.sh build
+cmake --preset release -DTQCORE_BUILD_TESTS=OFF -DTQCORE_BUILD_BENCH=OFF >/dev/null
+cmake --build --preset release --target tqcore_tool >/dev/null
+exec build/release/int/tools/tqcore "$@"
