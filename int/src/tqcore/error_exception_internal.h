@@ -1,0 +1,18 @@
+// Internal interfaces of the error model.
+#pragma once
+
+#include <tqcore/source_string.h>
+
+#include <cstddef>
+
+namespace tqcore {
+namespace impl {
+
+// The machine's name, found once; every record made on this machine shares it.
+SourceString const& error_info_hostname() noexcept;
+
+// Writes the machine's name, NUL-terminated, into `buffer`, or "<unknown>".
+void query_host_name(char* buffer, size_t capacity) noexcept;
+
+}  // namespace impl
+}  // namespace tqcore

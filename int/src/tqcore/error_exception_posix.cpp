@@ -1,0 +1,24 @@
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "error_exception_internal.h"
+
+namespace tqcore {
+namespace impl {
+
+void query_host_name(char* buffer, size_t capacity) noexcept {
+  // One byte short of the buffer, so a truncated name stays terminated.
+  size_t limit = capacity - 1;
+  if (gethostname(buffer, limit) == 0) return;
+  struct utsname names;
+  if (uname(&names) == 0) {
+    std::strncpy(buffer, names.nodename, limit);
+    return;
+  }
+  std::strncpy(buffer, "<unknown>", limit);
+}
+
+}  // namespace impl
+}  // namespace tqcore

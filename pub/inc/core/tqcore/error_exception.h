@@ -1,0 +1,115 @@
+// ErrorException, the library's one exception class, and the basic throw functions.
+#pragma once
+
+#include <tqcore/error_code.h>
+#include <tqcore/error_info.h>
+#include <tqcore/error_params.h>
+#include <tqcore/refcount_ptr.h>
+#include <tqcore/source_string.h>
+#include <tqcore/tqcore_export.h>
+
+#include <exception>
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+namespace tqcore {
+
+// A thin carrier of an ErrorInfo: an exception turns back into a result, and a result into an
+// exception, without loss. The record is never null.
+class TQCORE_EXPORT ErrorException : public std::exception {
+ public:
+  // A null record is replaced by one with the code "error.tqcore", so nothing throws empty.
+  explicit ErrorException(ErrorInfo::Ptr const& error);
+  // Shares the record; the copy builds its own what() text on demand.
+  ErrorException(ErrorException const& other) noexcept;
+  ErrorException& operator=(ErrorException const& other) noexcept;
+  ~ErrorException() override;
+
+  ErrorInfo::Ptr const& error() const noexcept { return m_error; }
+
+  bool matches(char const* pattern) const noexcept { return m_error->matches(pattern); }
+  bool matches(char const* pattern, size_t length) const noexcept {
+    return m_error->matches(pattern, length);
+  }
+  bool matches(ErrorCode const& pattern) const noexcept { return m_error->matches(pattern); }
+  bool matches(SourceString const& pattern) const noexcept { return m_error->matches(pattern); }
+  bool any_matches(char const* pattern) const noexcept { return m_error->any_matches(pattern); }
+  bool any_matches(char const* pattern, size_t length) const noexcept {
+    return m_error->any_matches(pattern, length);
+  }
+  bool any_matches(ErrorCode const& pattern) const noexcept {
+    return m_error->any_matches(pattern);
+  }
+  bool any_matches(SourceString const& pattern) const noexcept {
+    return m_error->any_matches(pattern);
+  }
+  ErrorInfo::Ptr first_matching(char const* pattern) const {
+    return m_error->first_matching(pattern);
+  }
+  ErrorInfo::Ptr first_matching(char const* pattern, size_t length) const {
+    return m_error->first_matching(pattern, length);
+  }
+  ErrorInfo::Ptr first_matching(ErrorCode const& pattern) const {
+    return m_error->first_matching(pattern);
+  }
+  ErrorInfo::Ptr first_matching(SourceString const& pattern) const {
+    return m_error->first_matching(pattern);
+  }
+
+  // The report of the record, built at most once and only when asked for. Never throws: if
+  // building fails the result is "tqcore::ErrorException".
+  char const* what() const noexcept override;
+  // Throws a new exception with this record; derived classes keep their own type.
+  [[noreturn]] virtual void rethrow() const;
+
+  [[noreturn]] static void throw_error(ErrorInfo::Ptr const& error);
+  // Returns at once for null (success), throws otherwise: joins `f_nothrow` to `f`.
+  static void throw_if_error(ErrorInfo::Ptr const& error) {
+    if (error) throw_error(error);
+  }
+
+ protected:
+  virtual std::string build_what_text() const;
+
+ private:
+  ErrorInfo::Ptr m_error;
+  mutable std::unique_ptr<std::string> m_whatText;
+};
+
+TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException const& exception);
+
+// Each creates the record that ErrorInfo::create makes of the same arguments and throws it.
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorInfo::Ptr const& error);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, char const* message,
+                                            SourceLocation const& location);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, char const* message,
+                                            SourceLocation const& location, ErrorInfo::Ptr nested);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, char const* message,
+                                            ErrorParams params, SourceLocation const& location);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, char const* message,
+                                            ErrorParams params, SourceLocation const& location,
+                                            ErrorInfo::Ptr nested);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, SourceString message,
+                                            SourceLocation const& location);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, SourceString message,
+                                            SourceLocation const& location, ErrorInfo::Ptr nested);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, SourceString message,
+                                            ErrorParams params, SourceLocation const& location);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, SourceString message,
+                                            ErrorParams params, SourceLocation const& location,
+                                            ErrorInfo::Ptr nested);
+[[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, SourceString message,
+                                            ErrorParams params, SourceLocation const& location,
+                                            ErrorInfo::Ptr nested, SourceString hostname);
+
+// Sets errno to `value` and returns it; the Windows would-block number 10035 becomes 11.
+TQCORE_EXPORT int set_errno(int value);
+
+namespace impl {
+// Raises "error.tqcore.string.embeddedNul": for a text that must become a C string and holds
+// a zero byte.
+[[noreturn]] TQCORE_EXPORT void raise_embedded_nul_error();
+}  // namespace impl
+
+}  // namespace tqcore

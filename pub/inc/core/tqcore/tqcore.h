@@ -1,0 +1,12 @@
+// The whole of tqcore's public interface.
+#pragma once
+
+#include <tqcore/error_code.h>
+#include <tqcore/error_exception.h>
+#include <tqcore/error_info.h>
+#include <tqcore/error_params.h>
+#include <tqcore/refcount_ptr.h>
+#include <tqcore/refcounted.h>
+#include <tqcore/source_string.h>
+#include <tqcore/tqcore_export.h>
+#include <tqcore/version.h>
