@@ -1,0 +1,104 @@
+// Raising errors: creating a record, throwing and matching, and matching a code.
+#include <tqcore/error_exception.h>
+
+#include <absl/status/status.h>
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "comparisons.h"
+
+namespace {
+
+char const kFileId[] = "$Id: //tqcore/int/bench/error_bench.cpp#1 $";
+
+// A plain struct as large as a record, for the allocation-and-construct baseline.
+struct SameSizeAsErrorInfo {
+  char bytes[sizeof(tqcore::ErrorInfo)];
+};
+
+void BM_ErrorInfo_CreateFromLiterals(benchmark::State& state) {
+  for (auto _ : state) {
+    tqcore::ErrorInfo::Ptr error =
+        tqcore::ErrorInfo::create(tqcore::error::tqcore_uuid_parse, "Invalid UUID text.",
+                                  tqcore::SourceLocation("bench::parse()", kFileId, __LINE__));
+    benchmark::DoNotOptimize(error.get());
+  }
+}
+BENCHMARK(BM_ErrorInfo_CreateFromLiterals);
+
+void BM_StdMakeShared_SameSizeStruct(benchmark::State& state) {
+  for (auto _ : state) {
+    auto p = std::make_shared<SameSizeAsErrorInfo>();
+    benchmark::DoNotOptimize(p.get());
+  }
+}
+BENCHMARK(BM_StdMakeShared_SameSizeStruct);
+
+void BM_AbslStatus_FromLiteral(benchmark::State& state) {
+  for (auto _ : state) {
+    absl::Status status(absl::StatusCode::kInvalidArgument, "Invalid UUID text.");
+    benchmark::DoNotOptimize(status);
+  }
+}
+BENCHMARK(BM_AbslStatus_FromLiteral);
+
+void BM_StdRuntimeError_FromLiteral(benchmark::State& state) {
+  for (auto _ : state) {
+    std::runtime_error error("Invalid UUID text.");
+    benchmark::DoNotOptimize(error);
+  }
+}
+BENCHMARK(BM_StdRuntimeError_FromLiteral);
+
+// Both raising functions stand one call below the catch.
+[[gnu::noinline]] void raise_error_exception() {
+  tqcore::throw_error(tqcore::error::tqcore_uuid_parse, "Invalid UUID text.",
+                      tqcore::SourceLocation("bench::parse()", kFileId, __LINE__));
+}
+
+[[gnu::noinline]] void raise_runtime_error() { throw std::runtime_error("Invalid UUID text."); }
+
+void BM_ErrorException_ThrowCatchMatch(benchmark::State& state) {
+  for (auto _ : state) {
+    try {
+      raise_error_exception();
+    } catch (tqcore::ErrorException const& e) {
+      benchmark::DoNotOptimize(e.matches(tqcore::error::tqcore_uuid));
+    }
+  }
+}
+BENCHMARK(BM_ErrorException_ThrowCatchMatch);
+
+void BM_StdRuntimeError_ThrowCatch(benchmark::State& state) {
+  for (auto _ : state) {
+    try {
+      raise_runtime_error();
+    } catch (std::runtime_error const& e) {
+      benchmark::DoNotOptimize(e.what());
+    }
+  }
+}
+BENCHMARK(BM_StdRuntimeError_ThrowCatch);
+
+void BM_ErrorCode_MatchesFiveSegments(benchmark::State& state) {
+  tqcore::ErrorCode const& code = tqcore::error::tqcore_string_utf8_invalid;
+  char const* pattern = "error.tqcore.string";
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(pattern);
+    benchmark::DoNotOptimize(code.matches(pattern));
+  }
+}
+BENCHMARK(BM_ErrorCode_MatchesFiveSegments);
+
+tqcore_bench::RegisterComparison const g_vsMakeShared("BM_ErrorInfo_CreateFromLiterals",
+                                                      "BM_StdMakeShared_SameSizeStruct", 1.2);
+tqcore_bench::RegisterComparison const g_vsAbsl("BM_ErrorInfo_CreateFromLiterals",
+                                                "BM_AbslStatus_FromLiteral", 0.5);
+tqcore_bench::RegisterComparison const g_vsRuntimeError("BM_ErrorInfo_CreateFromLiterals",
+                                                        "BM_StdRuntimeError_FromLiteral", 1.0);
+tqcore_bench::RegisterComparison const g_vsThrow("BM_ErrorException_ThrowCatchMatch",
+                                                 "BM_StdRuntimeError_ThrowCatch", 1.1);
+
+}  // namespace

@@ -1,0 +1,98 @@
+// Proves the allocation promises of the error model by counting every operator new.
+#include <tqcore/error_exception.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+std::atomic<long> g_allocations{0};
+
+void* counted_allocation(std::size_t size) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+}  // namespace
+
+void* operator new(std::size_t size) { return counted_allocation(size); }
+void* operator new[](std::size_t size) { return counted_allocation(size); }
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+  try {
+    return counted_allocation(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+namespace tqcore {
+namespace {
+
+char const kFileId[] = "$Id: //tqcore/int/test/allocation_test.cpp#1 $";
+
+// Counts the allocations made by `f`, and keeps what it returns alive until after counting.
+template <class F>
+long allocations_of(F&& f) {
+  long before = g_allocations.load();
+  auto result = f();
+  long after = g_allocations.load();
+  (void)result;
+  return after - before;
+}
+
+TEST(Allocation, LocationsAndReferencesAreFree) {
+  EXPECT_EQ(allocations_of([] { return SourceLocation("ns::fn()", kFileId, __LINE__); }), 0);
+  SourceString const reference("referenced literal", true);
+  EXPECT_EQ(allocations_of([&] { return SourceString(reference); }), 0);
+  SourceString const dynamic("shared block");
+  EXPECT_EQ(allocations_of([&] { return SourceString(dynamic); }), 0);
+  ErrorCode const code = error::tqcore_result_wrongThread;
+  EXPECT_EQ(allocations_of([&] { return ErrorCode(code); }), 0);
+}
+
+TEST(Allocation, CreateFromLiteralsAllocatesOnlyTheRecord) {
+  EXPECT_EQ(allocations_of([] {
+              return ErrorInfo::create(error::tqcore_uuid_parse, "Invalid UUID text.",
+                                       SourceLocation("ns::fn()", kFileId, __LINE__));
+            }),
+            1);
+  ErrorInfo::Ptr cause =
+      ErrorInfo::create(error::tqcore, "cause", SourceLocation("ns::fn()", kFileId, __LINE__));
+  EXPECT_EQ(allocations_of([&] {
+              return ErrorInfo::create(error::tqcore_task, "with a cause",
+                                       SourceLocation("ns::fn()", kFileId, __LINE__), cause);
+            }),
+            1);
+}
+
+TEST(Allocation, MatchingAllocatesNothing) {
+  ErrorCode const code("error.one.two.three.four");
+  ErrorInfo::Ptr error =
+      ErrorInfo::create(code, "m", SourceLocation("ns::fn()", kFileId, __LINE__));
+  EXPECT_EQ(allocations_of([&] { return code.matches("error.one.two"); }), 0);
+  EXPECT_EQ(allocations_of([&] { return code.matches(error::tqcore); }), 0);
+  EXPECT_EQ(allocations_of([&] { return error->any_matches("error.one.two.three"); }), 0);
+}
+
+TEST(Allocation, ExpandingWithoutPlaceholderAllocatesNothing) {
+  ErrorParams params;
+  params.add("name", 4, "value", 5);
+  SourceString const message("No placeholder in this message.", true);
+  EXPECT_EQ(allocations_of([&] { return params.expanded_message(message); }), 0);
+  SourceString const dynamic("No placeholder here either.");
+  EXPECT_EQ(allocations_of([&] { return params.expanded_message(dynamic); }), 0);
+  EXPECT_EQ(allocations_of([] { return ErrorParams(); }), 0);
+}
+
+TEST(Allocation, CountingReallyCounts) {
+  EXPECT_EQ(allocations_of([] { return SourceString("a copy"); }), 1);
+}
+
+}  // namespace
+}  // namespace tqcore

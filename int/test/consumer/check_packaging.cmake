@@ -1,0 +1,30 @@
+# Installs the built library into a fresh prefix, then builds and runs the consumer project
+# against it twice: through the CMake package and through pkg-config.
+# Arguments: BUILD_DIR (the tqcore build), LIBDIR (its library folder below the prefix),
+# SOURCE_DIR (this folder), WORK_DIR (scratch).
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "failed (${result}): ${ARGN}\n${out}")
+  endif()
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+foreach(mode cmake pkgconfig)
+  set(build ${WORK_DIR}/consumer-${mode})
+  if(mode STREQUAL "pkgconfig")
+    set(use_pkg_config ON)
+  else()
+    set(use_pkg_config OFF)
+  endif()
+  run(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${prefix}/${LIBDIR}/pkgconfig
+      ${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${build} -G Ninja
+      -DCMAKE_PREFIX_PATH=${prefix} -DUSE_PKG_CONFIG=${use_pkg_config})
+  run(${CMAKE_COMMAND} --build ${build})
+  run(${build}/consumer)
+  message(STATUS "consumer built and ran through ${mode}")
+endforeach()
