@@ -1,6 +1,7 @@
 // Runs the benchmarks, then prints each of ours beside its peer with the ratio and the goal.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "comparisons.h"
 
@@ -20,17 +22,30 @@ std::vector<Comparison>& comparisons() {
 
 namespace {
 
-// Keeps the real time per iteration of every run, by name, besides printing as usual.
+// Keeps the real time per iteration of every run, by name, besides printing as usual. With
+// repetitions the median of the runs stands for the benchmark.
 class RecordingReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(std::vector<Run> const& runs) override {
     for (Run const& run : runs) {
-      if (run.run_type == Run::RT_Iteration)
-        times[run.benchmark_name()] = run.GetAdjustedRealTime();
+      if (run.run_type == Run::RT_Iteration) {
+        m_runs[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
+      }
     }
     ConsoleReporter::ReportRuns(runs);
   }
-  std::map<std::string, double> times;
+  std::map<std::string, double> medians() const {
+    std::map<std::string, double> result;
+    for (auto const& [name, times] : m_runs) {
+      std::vector<double> sorted = times;
+      std::sort(sorted.begin(), sorted.end());
+      result[name] = sorted[sorted.size() / 2];
+    }
+    return result;
+  }
+
+ private:
+  std::map<std::string, std::vector<double>> m_runs;
 };
 
 void print_ratios(std::map<std::string, double> const& times) {
@@ -89,7 +104,7 @@ int main(int argc, char** argv) {
   tqcore_bench::ParkedThread second_thread;
   tqcore_bench::RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  if (ratios) tqcore_bench::print_ratios(reporter.times);
+  if (ratios) tqcore_bench::print_ratios(reporter.medians());
   benchmark::Shutdown();
   return 0;
 }

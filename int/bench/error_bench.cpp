@@ -52,13 +52,29 @@ void BM_StdRuntimeError_FromLiteral(benchmark::State& state) {
 }
 BENCHMARK(BM_StdRuntimeError_FromLiteral);
 
-// Both raising functions stand one call below the catch.
+// Raising through tqcore::throw_error throws one frame below the raising site; the peer gets
+// the same depth from a throwing helper of its own.
 [[gnu::noinline]] void raise_error_exception() {
   tqcore::throw_error(tqcore::error::tqcore_uuid_parse, "Invalid UUID text.",
                       tqcore::SourceLocation("bench::parse()", kFileId, __LINE__));
 }
 
-[[gnu::noinline]] void raise_runtime_error() { throw std::runtime_error("Invalid UUID text."); }
+[[gnu::noinline, noreturn]] void throw_runtime_error(char const* message) {
+  throw std::runtime_error(message);
+}
+
+[[gnu::noinline]] void raise_runtime_error() { throw_runtime_error("Invalid UUID text."); }
+
+// Both thrown by the raising site itself.
+[[gnu::noinline]] void raise_error_exception_here() {
+  throw tqcore::ErrorException(
+      tqcore::ErrorInfo::create(tqcore::error::tqcore_uuid_parse, "Invalid UUID text.",
+                                tqcore::SourceLocation("bench::parse()", kFileId, __LINE__)));
+}
+
+[[gnu::noinline]] void raise_runtime_error_here() {
+  throw std::runtime_error("Invalid UUID text.");
+}
 
 void BM_ErrorException_ThrowCatchMatch(benchmark::State& state) {
   for (auto _ : state) {
@@ -82,6 +98,28 @@ void BM_StdRuntimeError_ThrowCatch(benchmark::State& state) {
 }
 BENCHMARK(BM_StdRuntimeError_ThrowCatch);
 
+void BM_ErrorException_ThrowHereCatchMatch(benchmark::State& state) {
+  for (auto _ : state) {
+    try {
+      raise_error_exception_here();
+    } catch (tqcore::ErrorException const& e) {
+      benchmark::DoNotOptimize(e.matches(tqcore::error::tqcore_uuid));
+    }
+  }
+}
+BENCHMARK(BM_ErrorException_ThrowHereCatchMatch);
+
+void BM_StdRuntimeError_ThrowHereCatch(benchmark::State& state) {
+  for (auto _ : state) {
+    try {
+      raise_runtime_error_here();
+    } catch (std::runtime_error const& e) {
+      benchmark::DoNotOptimize(e.what());
+    }
+  }
+}
+BENCHMARK(BM_StdRuntimeError_ThrowHereCatch);
+
 void BM_ErrorCode_MatchesFiveSegments(benchmark::State& state) {
   tqcore::ErrorCode const& code = tqcore::error::tqcore_string_utf8_invalid;
   char const* pattern = "error.tqcore.string";
@@ -100,5 +138,9 @@ tqcore_bench::RegisterComparison const g_vsRuntimeError("BM_ErrorInfo_CreateFrom
                                                         "BM_StdRuntimeError_FromLiteral", 1.0);
 tqcore_bench::RegisterComparison const g_vsThrow("BM_ErrorException_ThrowCatchMatch",
                                                  "BM_StdRuntimeError_ThrowCatch", 1.1);
+tqcore_bench::RegisterComparison const g_vsThrowHere("BM_ErrorException_ThrowHereCatchMatch",
+                                                     "BM_StdRuntimeError_ThrowHereCatch", 1.1);
+tqcore_bench::RegisterComparison const g_matches("BM_ErrorCode_MatchesFiveSegments",
+                                                 "BM_ErrorCode_MatchesFiveSegments", 0);
 
 }  // namespace

@@ -86,10 +86,15 @@ ErrorInfo::ErrorInfo(TransferSource<ErrorCode> code, TransferSource<SourceString
 
 ErrorInfo::~ErrorInfo() = default;
 
+ErrorInfo::Ptr ErrorInfo::owned(ErrorInfo* fresh) noexcept {
+  fresh->take_first_reference();
+  return Ptr(fresh, false);
+}
+
 ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, char const* message,
                                  SourceLocation const& location) {
   SourceString text(message, true);
-  return Ptr(new ErrorInfo(code, text.transfer(), location));
+  return owned(new ErrorInfo(code, text.transfer(), location));
 }
 
 ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, char const* message,
@@ -109,7 +114,7 @@ ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, char const* message, Err
 
 ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, SourceString message,
                                  SourceLocation const& location) {
-  return Ptr(new ErrorInfo(code, message.transfer(), location));
+  return owned(new ErrorInfo(code, message.transfer(), location));
 }
 
 ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, SourceString message,
@@ -119,12 +124,12 @@ ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, SourceString message,
 
 ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, SourceString message, ErrorParams params,
                                  SourceLocation const& location) {
-  return Ptr(new ErrorInfo(code, message.transfer(), params.transfer(), location));
+  return owned(new ErrorInfo(code, message.transfer(), params.transfer(), location));
 }
 
 ErrorInfo::Ptr ErrorInfo::create(ErrorCode const& code, SourceString message, ErrorParams params,
                                  SourceLocation const& location, Ptr nested) {
-  return Ptr(
+  return owned(
       new ErrorInfo(code, message.transfer(), params.transfer(), location, nested.transfer()));
 }
 
@@ -143,7 +148,7 @@ ErrorInfo::Ptr ErrorInfo::create(TransferSource<ErrorCode> code,
                                  TransferSource<SourceLocation> location,
                                  TransferSource<Ptr> nested,
                                  TransferSource<SourceString> hostname) {
-  return Ptr(new ErrorInfo(code, message, params, location, nested, hostname));
+  return owned(new ErrorInfo(code, message, params, location, nested, hostname));
 }
 
 // ---- ErrorInfo: queries ----------------------------------------------------------------------
@@ -304,12 +309,22 @@ std::ostream& operator<<(std::ostream& stream, ErrorInfo::Trace const& trace) {
 
 // ---- ErrorException --------------------------------------------------------------------------
 
+namespace {
+
+ErrorInfo::Ptr null_record_substitute() {
+  return ErrorInfo::create(error::tqcore, "Unknown error (NULL ErrorInfo pointer)",
+                           SourceLocation("tqcore::ErrorException::ErrorException()",
+                                          TQCORE_FILE_ID("error_exception"), 43));
+}
+
+}  // namespace
+
 ErrorException::ErrorException(ErrorInfo::Ptr const& error) : m_error(error) {
-  if (!m_error) {
-    m_error = ErrorInfo::create(error::tqcore, "Unknown error (NULL ErrorInfo pointer)",
-                                SourceLocation("tqcore::ErrorException::ErrorException()",
-                                               TQCORE_FILE_ID("error_exception"), 43));
-  }
+  if (!m_error) m_error = null_record_substitute();
+}
+
+ErrorException::ErrorException(ErrorInfo::Ptr&& error) : m_error(std::move(error)) {
+  if (!m_error) m_error = null_record_substitute();
 }
 
 ErrorException::ErrorException(ErrorException const& other) noexcept
@@ -351,55 +366,65 @@ std::ostream& operator<<(std::ostream& stream, ErrorException const& exception) 
 }
 
 // ---- Throw functions -------------------------------------------------------------------------
+// Each creates the record first and throws in the same frame, holding nothing but the record's
+// pointer: a frame with a cleanup costs the unwinder a landing pad and a resume, and every
+// register the frame saves costs it a restore in both of its passes.
 
-void throw_error(ErrorInfo::Ptr const& error) { ErrorException::throw_error(error); }
+namespace {
+
+[[noreturn, gnu::always_inline]] inline void throw_created(ErrorInfo::Ptr&& error) {
+  ErrorInfo const* record = error.detach();
+  throw ErrorException(ErrorInfo::Ptr(record, false));
+}
+
+}  // namespace
+
+void throw_error(ErrorInfo::Ptr const& error) { throw ErrorException(error); }
 
 void throw_error(ErrorCode const& code, char const* message, SourceLocation const& location) {
-  ErrorException::throw_error(ErrorInfo::create(code, message, location));
+  throw_created(ErrorInfo::create(code, message, location));
 }
 
 void throw_error(ErrorCode const& code, char const* message, SourceLocation const& location,
                  ErrorInfo::Ptr nested) {
-  ErrorException::throw_error(ErrorInfo::create(code, message, location, std::move(nested)));
+  throw_created(ErrorInfo::create(code, message, location, std::move(nested)));
 }
 
 void throw_error(ErrorCode const& code, char const* message, ErrorParams params,
                  SourceLocation const& location) {
-  ErrorException::throw_error(ErrorInfo::create(code, message, std::move(params), location));
+  throw_created(ErrorInfo::create(code, message, std::move(params), location));
 }
 
 void throw_error(ErrorCode const& code, char const* message, ErrorParams params,
                  SourceLocation const& location, ErrorInfo::Ptr nested) {
-  ErrorException::throw_error(
+  throw ErrorException(
       ErrorInfo::create(code, message, std::move(params), location, std::move(nested)));
 }
 
 void throw_error(ErrorCode const& code, SourceString message, SourceLocation const& location) {
-  ErrorException::throw_error(ErrorInfo::create(code, std::move(message), location));
+  throw_created(ErrorInfo::create(code, std::move(message), location));
 }
 
 void throw_error(ErrorCode const& code, SourceString message, SourceLocation const& location,
                  ErrorInfo::Ptr nested) {
-  ErrorException::throw_error(
-      ErrorInfo::create(code, std::move(message), location, std::move(nested)));
+  throw_created(ErrorInfo::create(code, std::move(message), location, std::move(nested)));
 }
 
 void throw_error(ErrorCode const& code, SourceString message, ErrorParams params,
                  SourceLocation const& location) {
-  ErrorException::throw_error(
-      ErrorInfo::create(code, std::move(message), std::move(params), location));
+  throw_created(ErrorInfo::create(code, std::move(message), std::move(params), location));
 }
 
 void throw_error(ErrorCode const& code, SourceString message, ErrorParams params,
                  SourceLocation const& location, ErrorInfo::Ptr nested) {
-  ErrorException::throw_error(
+  throw ErrorException(
       ErrorInfo::create(code, std::move(message), std::move(params), location, std::move(nested)));
 }
 
 void throw_error(ErrorCode const& code, SourceString message, ErrorParams params,
                  SourceLocation const& location, ErrorInfo::Ptr nested, SourceString hostname) {
-  ErrorException::throw_error(ErrorInfo::create(code, std::move(message), std::move(params),
-                                                location, std::move(nested), std::move(hostname)));
+  throw_created(ErrorInfo::create(code, std::move(message), std::move(params), location,
+                                  std::move(nested), std::move(hostname)));
 }
 
 int set_errno(int value) {

@@ -21,6 +21,7 @@ class TQCORE_EXPORT ErrorException : public std::exception {
  public:
   // A null record is replaced by one with the code "error.tqcore", so nothing throws empty.
   explicit ErrorException(ErrorInfo::Ptr const& error);
+  explicit ErrorException(ErrorInfo::Ptr&& error);
   // Shares the record; the copy builds its own what() text on demand.
   ErrorException(ErrorException const& other) noexcept;
   ErrorException& operator=(ErrorException const& other) noexcept;

@@ -139,6 +139,8 @@ class TQCORE_EXPORT ErrorInfo : public RefCounted<AtomicRefCount> {
   ~ErrorInfo() override;
 
  private:
+  // Hands out the first reference of a record that nobody else can see yet.
+  static Ptr owned(ErrorInfo* fresh) noexcept;
   ErrorInfo const* first_match(char const* pattern, size_t length) const noexcept;
 
   ErrorCode m_code;

@@ -123,6 +123,10 @@ class TQCORE_EXPORT RefCounted {
   RefCounted(RefCounted const&) noexcept {}
   RefCounted& operator=(RefCounted const&) noexcept { return *this; }
   virtual void destroy() { delete this; }
+  // For a factory that hands out the first reference itself (RefCountPtr(p, false)): sets
+  // the count of a new object to 1 with a plain store, saving a locked instruction. Only
+  // valid while no other thread can see the object.
+  void take_first_reference() const noexcept { m_count = Count(1); }
   virtual ~RefCounted() = default;
 
  private:
