@@ -165,3 +165,19 @@ TEST(ExpansionWithoutPlaceholder, PointerFormCopiesTheGivenLength) {
 
 }  // namespace
 }  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+TEST(ErrorParams, NullNamesAndValuesAreEmptyTexts) {
+  ErrorParams params;
+  params.add(nullptr, 3, nullptr, 4);
+  EXPECT_EQ(params.size(), 1u);
+  EXPECT_EQ(params.get_value(nullptr), "");
+  EXPECT_EQ(params.get_value(""), "");
+  EXPECT_EQ(params.count(nullptr), 1u);
+  EXPECT_EQ(params.expanded_message("{@}", 3).as_string(), "");
+}
+
+}  // namespace
+}  // namespace tqcore

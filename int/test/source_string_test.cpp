@@ -285,3 +285,25 @@ TEST(SourceLocation, MovesTakeTheStrings) {
 
 }  // namespace
 }  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+// A null text stands for the empty text wherever the library takes one.
+TEST(SourceString, NullTextIsTheEmptyText) {
+  char const* null = nullptr;
+  EXPECT_TRUE(SourceString(null).empty());
+  EXPECT_EQ(SourceString(null, true).size(), 0u);
+  EXPECT_TRUE(SourceString(null, 5).empty());
+  EXPECT_TRUE(SourceString(null, 5, true).empty());
+  SourceString text("abc");
+  EXPECT_GT(text.compare(null), 0);
+  EXPECT_GT(text.compare(null, 3), 0);
+  EXPECT_FALSE(text == null);
+  EXPECT_TRUE(SourceString() == null);
+  SourceLocation location("f()", null, 1);
+  EXPECT_EQ(location.file_path(), "");
+}
+
+}  // namespace
+}  // namespace tqcore

@@ -8,6 +8,7 @@ namespace tqcore {
 namespace {
 
 size_t measured(char const* text, size_t length) {
+  if (text == nullptr) return 0;  // a null text is the empty text
   return length == SourceString::npos ? std::strlen(text) : length;
 }
 
@@ -41,7 +42,8 @@ std::string& ErrorParams::insert_ref(SourceString const& name) {
 
 ErrorParams& ErrorParams::add(char const* name, size_t name_length, char const* value,
                               size_t value_length) {
-  insert_ref(name, name_length).assign(value, measured(value, value_length));
+  insert_ref(name, name_length)
+      .assign(value != nullptr ? value : "", measured(value, value_length));
   return *this;
 }
 

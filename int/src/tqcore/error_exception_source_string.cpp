@@ -124,6 +124,7 @@ SourceString::SourceString(char const* text, size_t length, bool reference) {
     return;
   }
   if (static_cast<int64_t>(length) < 0) length_error();
+  if (text == nullptr) length = 0;
   m_text = length == 0 ? sm_emptyStrData : text;
   m_tag = static_cast<int64_t>(length);
 }
@@ -135,12 +136,12 @@ SourceString::SourceString(StringTraceData::Ptr const& trace_source) {
 
 void SourceString::alloc_dynamic(char const* text, size_t length,
                                  StringTraceData::Ptr trace_source) {
-  if (length == 0) {
+  if (static_cast<int64_t>(length) < 0) length_error();
+  if (length == 0 || text == nullptr) {
     m_text = sm_emptyStrData;
     m_tag = 0;
     return;
   }
-  if (static_cast<int64_t>(length) < 0) length_error();
   m_text = impl::DynamicSourceStringHolder::create(text, length, std::move(trace_source))->text();
   m_tag = -static_cast<int64_t>(length);
 }
@@ -166,7 +167,7 @@ int SourceString::compare(SourceString const& other) const noexcept {
 }
 
 int SourceString::compare(char const* text, size_t length) const noexcept {
-  return compare_bytes(m_text, size(), text, length);
+  return compare_bytes(m_text, size(), text != nullptr ? text : "", text != nullptr ? length : 0);
 }
 
 bool SourceString::operator==(SourceString const& other) const noexcept {
@@ -177,6 +178,7 @@ bool SourceString::operator==(SourceString const& other) const noexcept {
 
 bool SourceString::operator==(char const* text) const noexcept {
   if (m_text == text) return true;
+  if (text == nullptr) return size() == 0;
   size_t length = size();
   return length == std::strlen(text) && std::memcmp(m_text, text, length) == 0;
 }

@@ -104,10 +104,12 @@ class TQCORE_EXPORT SourceString {
   static constexpr size_t npos = static_cast<size_t>(-1);
 
   SourceString() noexcept : m_text(sm_emptyStrData), m_tag(0) {}
-  SourceString(char const* text) { alloc_dynamic(text, std::strlen(text)); }
+  // A null text is the empty text in every constructor and comparison.
+  SourceString(char const* text) { alloc_dynamic(text, length_of(text)); }
   // True: unmeasured reference, the text is not read. False: a dynamic copy.
-  constexpr SourceString(char const* text, bool reference) : m_text(text), m_tag(kUnmeasured) {
-    if (!reference) alloc_dynamic(text, std::strlen(text));
+  constexpr SourceString(char const* text, bool reference)
+      : m_text(text != nullptr ? text : ""), m_tag(kUnmeasured) {
+    if (!reference) alloc_dynamic(m_text, std::strlen(m_text));
   }
   SourceString(char const* text, size_t length) { alloc_dynamic(text, length); }
   // Keeps `SourceString(p, 3)` from being ambiguous with the reference flag.
@@ -177,7 +179,9 @@ class TQCORE_EXPORT SourceString {
 
   // Equal text pointers compare equal at once, whatever the lengths: that shortcut is kept.
   int compare(SourceString const& other) const noexcept;
-  int compare(char const* text) const noexcept { return compare(text, std::strlen(text)); }
+  int compare(char const* text) const noexcept {
+    return compare(text != nullptr ? text : "", length_of(text));
+  }
   int compare(char const* text, size_t length) const noexcept;
 
   bool operator==(SourceString const& other) const noexcept;
@@ -199,6 +203,9 @@ class TQCORE_EXPORT SourceString {
  private:
   static constexpr int64_t kUnmeasured = INT64_MAX;
 
+  static size_t length_of(char const* text) noexcept {
+    return text != nullptr ? std::strlen(text) : 0;
+  }
   int64_t tag() const noexcept { return __atomic_load_n(&m_tag, __ATOMIC_RELAXED); }
   size_t measure() const noexcept {
     size_t length = std::strlen(m_text);
