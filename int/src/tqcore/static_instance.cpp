@@ -1,0 +1,118 @@
+#include <tqcore/error_code.h>
+#include <tqcore/error_exception.h>
+#include <tqcore/static_instance.h>
+
+#include <ace/Guard_T.h>
+#include <ace/Object_Manager.h>
+#include <ace/Thread_Mutex.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <iostream>
+#include <new>
+
+#include "file_ids.h"
+
+namespace tqcore {
+namespace impl {
+namespace {
+
+// Queues cleanups and runs them, newest first, from the object manager's exit processing.
+class StaticInstanceCleanup {
+ public:
+  StaticInstanceCleanup();
+  StaticInstanceCleanup(StaticInstanceCleanup const&) = delete;
+  StaticInstanceCleanup& operator=(StaticInstanceCleanup const&) = delete;
+
+  void register_for_cleanup(void (*function)(void*), void* argument);
+
+ private:
+  struct Cleanup {
+    void (*function)(void*);
+    void* argument;
+  };
+
+  static void run_cleanups(void* object, void* parameter);
+  void report_registration_failure(int errno_value);
+
+  ACE_Thread_Mutex m_lock;
+  std::deque<Cleanup> m_cleanups;
+  bool m_closed = false;
+};
+
+StaticInstanceCleanup::StaticInstanceCleanup() {
+  if (ACE_Object_Manager::instance()->at_exit(this, &run_cleanups, nullptr, nullptr) == -1) {
+    report_registration_failure(errno);
+  }
+}
+
+// Not fatal: instances still work, they are only never destroyed.
+void StaticInstanceCleanup::report_registration_failure(int errno_value) {
+  ErrorParams params;
+  params.add(SourceString::create_reference("errno"), std::to_string(errno_value));
+  params.add(SourceString::create_reference("message"), std::strerror(errno_value));
+  ErrorInfo::Ptr error = ErrorInfo::create(
+      error::errno_, "{@message}", std::move(params),
+      SourceLocation("tqcore::impl::StaticInstanceCleanup::StaticInstanceCleanup()",
+                     TQCORE_FILE_ID("static_instance"), 65));
+  std::cerr << "tqcore: Error registering with ACE Object Manager for cleanup: " << error
+            << std::endl;
+}
+
+void StaticInstanceCleanup::register_for_cleanup(void (*function)(void*), void* argument) {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  if (m_closed) {
+    throw_error(error::tqcore_objectManager_closed,
+                "Cannot register objects for cleanup after object manager has already been "
+                "closed",
+                SourceLocation("tqcore::impl::StaticInstanceCleanup::register_for_cleanup()",
+                               TQCORE_FILE_ID("static_instance"), 96));
+  }
+  m_cleanups.push_back(Cleanup{function, argument});
+}
+
+// Newest first, each without the lock held, so a cleanup may register another one, which then
+// runs next.
+void StaticInstanceCleanup::run_cleanups(void* object, void*) {
+  auto* self = static_cast<StaticInstanceCleanup*>(object);
+  self->m_lock.acquire();
+  while (!self->m_cleanups.empty()) {
+    Cleanup cleanup = self->m_cleanups.back();
+    self->m_cleanups.pop_back();
+    self->m_lock.release();
+    cleanup.function(cleanup.argument);
+    self->m_lock.acquire();
+  }
+  self->m_closed = true;
+  self->m_lock.release();
+}
+
+// Built at load and never destroyed by the C++ runtime: the object manager's exit processing
+// runs after this library's static destructors.
+StaticInstanceCleanup& cleanup_registry() {
+  alignas(StaticInstanceCleanup) static unsigned char storage[sizeof(StaticInstanceCleanup)];
+  static StaticInstanceCleanup* const registry = new (storage) StaticInstanceCleanup();
+  return *registry;
+}
+
+[[maybe_unused]] StaticInstanceCleanup& g_registryAtLoad = cleanup_registry();
+
+}  // namespace
+
+void StaticInstanceBase::register_cleanup_aux(void (*function)(void*), void* argument) {
+  cleanup_registry().register_for_cleanup(function, argument);
+}
+
+void StaticInstanceBase::throw_destroyed_error() {
+  throw_error(error::tqcore_objectManager_closed,
+              "Attempt to access static that has already been destroyed through object "
+              "manager.  If this error is raised during application startup, it may be due to "
+              "an initialization order issue (static object is being accessed before it has "
+              "been constructed).",
+              SourceLocation("tqcore::impl::StaticInstanceBase::throw_destroyed_error()",
+                             TQCORE_FILE_ID("static_instance"), 231));
+}
+
+}  // namespace impl
+}  // namespace tqcore
