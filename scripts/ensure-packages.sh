@@ -4,7 +4,7 @@
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ pkgconf libace-dev)
-test_packages=(libgtest-dev libgmock-dev libbenchmark-dev libboost-dev libabsl-dev)
+test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libabsl-dev)
 bench_packages=(libbenchmark-dev libboost-dev libabsl-dev)
 
 case "${1:-build}" in

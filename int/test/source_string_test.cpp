@@ -74,24 +74,6 @@ TEST(SourceString, ExcessiveLengthThrowsBeforeAnythingChanges) {
   EXPECT_EQ(target.as_string(), "keep");
 }
 
-TEST(SourceString, AssignmentFormsFollowTheConstructors) {
-  static char const literal[] = "literal";
-  SourceString s;
-  s.assign(literal, true);
-  EXPECT_EQ(s.data(), literal);
-  s.assign(literal, false);
-  EXPECT_NE(s.data(), literal);
-  EXPECT_EQ(s, "literal");
-  s.assign(literal, 3);
-  EXPECT_EQ(s, "lit");
-  s.assign(literal, 3, true);
-  EXPECT_EQ(s.data(), literal);
-  SourceString other("other");
-  s = other.transfer();
-  EXPECT_EQ(s, "other");
-  EXPECT_TRUE(other.empty());
-}
-
 // ---- Comparison ------------------------------------------------------------------------------
 
 TEST(SourceString, EqualPointersCompareEqualWhateverTheLengths) {
@@ -273,14 +255,6 @@ TEST(SourceLocation, LineOutranksTheNames) {
   EXPECT_TRUE(a < b && b < c && c > a && a <= a && c >= b);
   EXPECT_TRUE(b != c);
   EXPECT_TRUE(SourceLocation("a()", "b", 2) == c);
-}
-
-TEST(SourceLocation, MovesTakeTheStrings) {
-  SourceLocation a(SourceString("fn()"), SourceString("id"), 4);
-  SourceLocation b(a.transfer());
-  EXPECT_TRUE(a.empty());
-  EXPECT_EQ(b.function(), "fn()");
-  EXPECT_EQ(b.line(), 4u);
 }
 
 }  // namespace
