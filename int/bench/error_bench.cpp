@@ -130,6 +130,17 @@ void BM_ErrorCode_MatchesFiveSegments(benchmark::State& state) {
 }
 BENCHMARK(BM_ErrorCode_MatchesFiveSegments);
 
+void BM_ErrorCode_MatchesFiveSegmentsByConstant(benchmark::State& state) {
+  tqcore::ErrorCode const* code = &tqcore::error::tqcore_string_utf8_invalid;
+  tqcore::ErrorCode const* pattern = &tqcore::error::tqcore_string;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(code);
+    benchmark::DoNotOptimize(pattern);
+    benchmark::DoNotOptimize(code->matches(*pattern));
+  }
+}
+BENCHMARK(BM_ErrorCode_MatchesFiveSegmentsByConstant);
+
 tqcore_bench::RegisterComparison const g_vsMakeShared("BM_ErrorInfo_CreateFromLiterals",
                                                       "BM_StdMakeShared_SameSizeStruct", 1.2);
 tqcore_bench::RegisterComparison const g_vsAbsl("BM_ErrorInfo_CreateFromLiterals",
@@ -142,5 +153,7 @@ tqcore_bench::RegisterComparison const g_vsThrowHere("BM_ErrorException_ThrowHer
                                                      "BM_StdRuntimeError_ThrowHereCatch", 1.1);
 tqcore_bench::RegisterComparison const g_matches("BM_ErrorCode_MatchesFiveSegments",
                                                  "BM_ErrorCode_MatchesFiveSegments", 0);
+tqcore_bench::RegisterComparison const g_matchesConstant(
+    "BM_ErrorCode_MatchesFiveSegmentsByConstant", "BM_ErrorCode_MatchesFiveSegmentsByConstant", 0);
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <tqcore/error_code.h>
 
+#include <cstdint>
 #include <cstring>
 #include <ostream>
 #include <string>
@@ -17,11 +18,14 @@ bool ErrorCode::matches(char const* pattern, size_t length) const noexcept {
   char const* code = m_value.data();
   // The byte after the prefix: the terminating NUL when both are of equal length.
   if (code[length] != '\0' && code[length] != '.') return false;
-  // Codes differ mostly in their last segments, so compare from the end.
-  for (size_t i = length; i-- > 0;) {
-    if (code[i] != pattern[i]) return false;
-  }
-  return true;
+  // Codes differ mostly in their last segments, so the last word is compared first and most
+  // mismatches end there; the rest goes to memcmp.
+  if (length < sizeof(uint64_t)) return std::memcmp(code, pattern, length) == 0;
+  uint64_t code_tail;
+  uint64_t pattern_tail;
+  std::memcpy(&code_tail, code + length - sizeof(uint64_t), sizeof(uint64_t));
+  std::memcpy(&pattern_tail, pattern + length - sizeof(uint64_t), sizeof(uint64_t));
+  return code_tail == pattern_tail && std::memcmp(code, pattern, length - sizeof(uint64_t)) == 0;
 }
 
 void ErrorCode::append_segment(char const* segment, size_t length) {
