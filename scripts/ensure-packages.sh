@@ -3,7 +3,7 @@
 # Usage: scripts/ensure-packages.sh build|test|bench
 set -euo pipefail
 
-build_packages=(cmake ninja-build g++ pkgconf libace-dev)
+build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev)
 test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libabsl-dev)
 bench_packages=(libbenchmark-dev libboost-dev libabsl-dev)
 

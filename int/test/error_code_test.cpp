@@ -6,8 +6,8 @@
 
 #include <cctype>
 #include <fstream>
-#include <regex>
 #include <map>
+#include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>

@@ -68,10 +68,10 @@ TEST(ModuleInfoRecord, StandsInTheLibraryWithItsItemsInOrder) {
             std::string::npos);
   EXPECT_NE(record.find("\" arch=\"x86_64\">\n <FileInfo>\n"), std::string::npos);
   size_t position = 0;
-  for (char const* item : {"CompanyName", "FileVersion", "InternalName", "OriginalFilename",
-                           "LegalCopyright", "TQTQBuildMachine", "TQTQBuildName",
-                           "TQTQBuildChangelist", "TQTQBuildNum", "TQTQBuildTimestamp",
-                           "TQTQGCCBuildId"}) {
+  for (char const* item :
+       {"CompanyName", "FileVersion", "InternalName", "OriginalFilename", "LegalCopyright",
+        "TQTQBuildMachine", "TQTQBuildName", "TQTQBuildChangelist", "TQTQBuildNum",
+        "TQTQBuildTimestamp", "TQTQGCCBuildId"}) {
     position = record.find(std::string("  <Item name=\"") + item + "\">", position);
     ASSERT_NE(position, std::string::npos) << item << " missing or out of order";
   }

@@ -427,6 +427,98 @@ void throw_error(ErrorCode const& code, SourceString message, ErrorParams params
                                   std::move(nested), std::move(hostname)));
 }
 
+void throw_with_nested_errno(ErrorCode const& code, char const* message,
+                             SourceLocation const& location, int errno_value) {
+  throw_created(ErrorInfo::create_with_nested_errno(code, message, location, errno_value));
+}
+
+void throw_with_nested_errno(ErrorCode const& code, char const* message, ErrorParams params,
+                             SourceLocation const& location, int errno_value) {
+  throw_created(
+      ErrorInfo::create_with_nested_errno(code, message, std::move(params), location, errno_value));
+}
+
+void throw_with_nested_errno(ErrorCode const& code, SourceString message,
+                             SourceLocation const& location, int errno_value) {
+  throw_created(
+      ErrorInfo::create_with_nested_errno(code, std::move(message), location, errno_value));
+}
+
+void throw_with_nested_errno(ErrorCode const& code, SourceString message, ErrorParams params,
+                             SourceLocation const& location, int errno_value) {
+  throw_created(ErrorInfo::create_with_nested_errno(code, std::move(message), std::move(params),
+                                                    location, errno_value));
+}
+
+void throw_with_nested_winerror(ErrorCode const& code, char const* message,
+                                SourceLocation const& location, uint32_t win_error,
+                                bool nest_original) {
+  throw_created(ErrorInfo::create(code, message, location,
+                                  ErrorInfo::from_winerror(location, win_error, nest_original)));
+}
+
+void throw_with_nested_winerror(ErrorCode const& code, char const* message, ErrorParams params,
+                                SourceLocation const& location, uint32_t win_error,
+                                bool nest_original) {
+  throw_created(ErrorInfo::create(code, message, std::move(params), location,
+                                  ErrorInfo::from_winerror(location, win_error, nest_original)));
+}
+
+void throw_with_nested_winerror(ErrorCode const& code, SourceString message,
+                                SourceLocation const& location, uint32_t win_error,
+                                bool nest_original) {
+  throw_created(ErrorInfo::create(code, std::move(message), location,
+                                  ErrorInfo::from_winerror(location, win_error, nest_original)));
+}
+
+void throw_with_nested_winerror(ErrorCode const& code, SourceString message, ErrorParams params,
+                                SourceLocation const& location, uint32_t win_error,
+                                bool nest_original) {
+  throw_created(ErrorInfo::create(code, std::move(message), std::move(params), location,
+                                  ErrorInfo::from_winerror(location, win_error, nest_original)));
+}
+
+void throw_with_nested_exception(ErrorCode const& code, char const* message,
+                                 SourceLocation const& location, std::exception const& cause) {
+  throw_created(
+      ErrorInfo::create(code, message, location, ErrorInfo::from_exception(cause, location)));
+}
+
+void throw_with_nested_exception(ErrorCode const& code, char const* message, ErrorParams params,
+                                 SourceLocation const& location, std::exception const& cause) {
+  throw_created(ErrorInfo::create(code, message, std::move(params), location,
+                                  ErrorInfo::from_exception(cause, location)));
+}
+
+void throw_with_nested_exception(ErrorCode const& code, SourceString message,
+                                 SourceLocation const& location, std::exception const& cause) {
+  throw_created(ErrorInfo::create(code, std::move(message), location,
+                                  ErrorInfo::from_exception(cause, location)));
+}
+
+void throw_with_nested_exception(ErrorCode const& code, SourceString message, ErrorParams params,
+                                 SourceLocation const& location, std::exception const& cause) {
+  throw_created(ErrorInfo::create(code, std::move(message), std::move(params), location,
+                                  ErrorInfo::from_exception(cause, location)));
+}
+
+void throw_errno(SourceLocation const& location, int value) {
+  throw_created(ErrorInfo::from_errno(location, value));
+}
+
+void throw_errno(SourceLocation const& location, ErrorInfo::Ptr nested, int value) {
+  throw_created(ErrorInfo::from_errno(location, std::move(nested), value));
+}
+
+void throw_winerror(SourceLocation const& location, uint32_t win_error, bool nest_original) {
+  throw_created(ErrorInfo::from_winerror(location, win_error, nest_original));
+}
+
+void throw_winerror(SourceLocation const& location, ErrorInfo::Ptr nested, uint32_t win_error,
+                    bool nest_original) {
+  throw_created(ErrorInfo::from_winerror(location, std::move(nested), win_error, nest_original));
+}
+
 int set_errno(int value) {
   // 10035 is the Windows socket would-block code; the C library's name for it is EAGAIN.
   if (value == 10035) value = 11;

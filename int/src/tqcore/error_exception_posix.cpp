@@ -20,5 +20,12 @@ void query_host_name(char* buffer, size_t capacity) noexcept {
   std::strncpy(buffer, "<unknown>", limit);
 }
 
+SourceString system_error_text(int value) {
+  char buffer[256];
+  char const* text = strerror_r(value, buffer, sizeof(buffer));  // the GNU form returns the text
+  if (text == nullptr || std::strncmp(text, "Unknown error", 13) == 0) return SourceString();
+  return SourceString(text, std::strlen(text));
+}
+
 }  // namespace impl
 }  // namespace tqcore

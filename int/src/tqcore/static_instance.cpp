@@ -7,7 +7,6 @@
 #include <ace/Thread_Mutex.h>
 
 #include <cerrno>
-#include <cstring>
 #include <deque>
 #include <iostream>
 #include <new>
@@ -49,13 +48,10 @@ StaticInstanceCleanup::StaticInstanceCleanup() {
 
 // Not fatal: instances still work, they are only never destroyed.
 void StaticInstanceCleanup::report_registration_failure(int errno_value) {
-  ErrorParams params;
-  params.add(SourceString::create_reference("errno"), std::to_string(errno_value));
-  params.add(SourceString::create_reference("message"), std::strerror(errno_value));
-  ErrorInfo::Ptr error = ErrorInfo::create(
-      error::errno_, "{@message}", std::move(params),
+  ErrorInfo::Ptr error = ErrorInfo::from_errno(
       SourceLocation("tqcore::impl::StaticInstanceCleanup::StaticInstanceCleanup()",
-                     TQCORE_FILE_ID("static_instance"), 65));
+                     TQCORE_FILE_ID("static_instance"), 65),
+      errno_value);
   std::cerr << "tqcore: Error registering with ACE Object Manager for cleanup: " << error
             << std::endl;
 }

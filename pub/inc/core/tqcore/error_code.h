@@ -68,6 +68,11 @@ class TQCORE_EXPORT ErrorCode {
 
   int compare(ErrorCode const& other) const noexcept { return m_value.compare(other.m_value); }
 
+  // The code of an errno value: the catalogue's constant, or "error.errno.<n>" for a number
+  // without a name, or empty for 0. The second form reads errno.
+  static ErrorCode from_errno(long value);
+  static ErrorCode from_errno();
+
   bool operator==(ErrorCode const& o) const noexcept { return m_value == o.m_value; }
   bool operator!=(ErrorCode const& o) const noexcept { return m_value != o.m_value; }
   bool operator<(ErrorCode const& o) const noexcept { return m_value < o.m_value; }

@@ -8,6 +8,7 @@
 #include <tqcore/source_string.h>
 #include <tqcore/tqcore_export.h>
 
+#include <cstdint>
 #include <exception>
 #include <iosfwd>
 #include <memory>
@@ -104,8 +105,74 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException cons
                                             ErrorParams params, SourceLocation const& location,
                                             ErrorInfo::Ptr nested, SourceString hostname);
 
+// Throws the record of create with the record of `errno_value` as its cause.
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_errno(ErrorCode const& code, char const* message,
+                                                        SourceLocation const& location,
+                                                        int errno_value);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_errno(ErrorCode const& code, char const* message,
+                                                        ErrorParams params,
+                                                        SourceLocation const& location,
+                                                        int errno_value);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_errno(ErrorCode const& code, SourceString message,
+                                                        SourceLocation const& location,
+                                                        int errno_value);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_errno(ErrorCode const& code, SourceString message,
+                                                        ErrorParams params,
+                                                        SourceLocation const& location,
+                                                        int errno_value);
+// Throws the record of create with ErrorInfo::from_winerror as its cause.
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_winerror(ErrorCode const& code,
+                                                           char const* message,
+                                                           SourceLocation const& location,
+                                                           uint32_t win_error, bool nest_original);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_winerror(ErrorCode const& code,
+                                                           char const* message, ErrorParams params,
+                                                           SourceLocation const& location,
+                                                           uint32_t win_error, bool nest_original);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_winerror(ErrorCode const& code,
+                                                           SourceString message,
+                                                           SourceLocation const& location,
+                                                           uint32_t win_error, bool nest_original);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_winerror(ErrorCode const& code,
+                                                           SourceString message, ErrorParams params,
+                                                           SourceLocation const& location,
+                                                           uint32_t win_error, bool nest_original);
+// Throws the record of create with ErrorInfo::from_exception as its cause.
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_exception(ErrorCode const& code,
+                                                            char const* message,
+                                                            SourceLocation const& location,
+                                                            std::exception const& cause);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_exception(ErrorCode const& code,
+                                                            char const* message, ErrorParams params,
+                                                            SourceLocation const& location,
+                                                            std::exception const& cause);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_exception(ErrorCode const& code,
+                                                            SourceString message,
+                                                            SourceLocation const& location,
+                                                            std::exception const& cause);
+[[noreturn]] TQCORE_EXPORT void throw_with_nested_exception(ErrorCode const& code,
+                                                            SourceString message,
+                                                            ErrorParams params,
+                                                            SourceLocation const& location,
+                                                            std::exception const& cause);
+// Throw ErrorInfo::from_errno and ErrorInfo::from_winerror.
+[[noreturn]] TQCORE_EXPORT void throw_errno(SourceLocation const& location, int value);
+[[noreturn]] TQCORE_EXPORT void throw_errno(SourceLocation const& location, ErrorInfo::Ptr nested,
+                                            int value);
+[[noreturn]] TQCORE_EXPORT void throw_winerror(SourceLocation const& location, uint32_t win_error,
+                                               bool nest_original);
+[[noreturn]] TQCORE_EXPORT void throw_winerror(SourceLocation const& location,
+                                               ErrorInfo::Ptr nested, uint32_t win_error,
+                                               bool nest_original);
+
 // Sets errno to `value` and returns it; the Windows would-block number 10035 becomes 11.
 TQCORE_EXPORT int set_errno(int value);
+
+// The errno value nearest to a Windows error code, by name; 0 where none fits. Records may
+// come from Windows hosts, so the mapping is kept as a pure function.
+TQCORE_EXPORT int errno_from_winerror(uint32_t win_error);
+// Sets errno to the mapping of `win_error` (EINVAL where none fits) and returns it.
+TQCORE_EXPORT int set_errno_from_winerror(uint32_t win_error);
 
 namespace impl {
 // Raises "error.tqcore.string.embeddedNul": for a text that must become a C string and holds

@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <iosfwd>
 
 namespace tqcore {
@@ -56,6 +57,34 @@ class TQCORE_EXPORT ErrorInfo : public RefCounted<AtomicRefCount> {
   static Ptr create(TransferSource<ErrorCode> code, TransferSource<SourceString> message,
                     TransferSource<ErrorParams> params, TransferSource<SourceLocation> location,
                     TransferSource<Ptr> nested, TransferSource<SourceString> hostname);
+  // The same as create, with the record of `errno_value` as the cause.
+  static Ptr create_with_nested_errno(ErrorCode const& code, char const* message,
+                                      SourceLocation const& location, int errno_value);
+  static Ptr create_with_nested_errno(ErrorCode const& code, char const* message,
+                                      ErrorParams params, SourceLocation const& location,
+                                      int errno_value);
+  static Ptr create_with_nested_errno(ErrorCode const& code, SourceString message,
+                                      SourceLocation const& location, int errno_value);
+  static Ptr create_with_nested_errno(ErrorCode const& code, SourceString message,
+                                      ErrorParams params, SourceLocation const& location,
+                                      int errno_value);
+
+  // The record of an errno value: code "error.errno.<NAME>" (or "error.errno.<n>" for a number
+  // without a name), its message, and the parameter "errno". 0 gives an empty code.
+  static Ptr from_errno(SourceLocation const& location, int value);
+  static Ptr from_errno(SourceLocation const& location, Ptr nested, int value);
+  // The record of a Windows error code, as records from Windows hosts carry them: the nearest
+  // errno record, with the Windows record ("error.os.windows.<n>", parameter "winErrorCode")
+  // nested when `nest_original` asks for it or when no errno value fits.
+  static Ptr from_winerror(SourceLocation const& location, uint32_t win_error, bool nest_original);
+  static Ptr from_winerror(SourceLocation const& location, Ptr nested, uint32_t win_error,
+                           bool nest_original);
+  static Ptr from_winerror_nomap(SourceLocation const& location, Ptr nested, uint32_t win_error);
+  // A caught exception as a record in "error.exception"; an ErrorException gives back the
+  // record it carries, the same object.
+  static Ptr from_exception(std::exception const& exception, SourceLocation const& location);
+  // For a catch-all block: "error.exception.unknown".
+  static Ptr from_anonymous_exception(SourceLocation const& location);
 
   ErrorCode const& code() const noexcept { return m_code; }
   SourceString const& message() const noexcept { return m_message; }
@@ -139,6 +168,7 @@ class TQCORE_EXPORT ErrorInfo : public RefCounted<AtomicRefCount> {
   ~ErrorInfo() override;
 
  private:
+  static Ptr from_errno_aux(SourceLocation const& location, Ptr nested, int value);
   // Hands out the first reference of a record that nobody else can see yet.
   static Ptr owned(ErrorInfo* fresh) noexcept;
   ErrorInfo const* first_match(char const* pattern, size_t length) const noexcept;

@@ -1,6 +1,7 @@
 // The whole of tqcore's public interface.
 #pragma once
 
+#include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
 #include <tqcore/error_exception.h>
 #include <tqcore/error_info.h>
@@ -8,5 +9,6 @@
 #include <tqcore/refcount_ptr.h>
 #include <tqcore/refcounted.h>
 #include <tqcore/source_string.h>
+#include <tqcore/static_instance.h>
 #include <tqcore/tqcore_export.h>
 #include <tqcore/version.h>

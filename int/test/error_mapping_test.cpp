@@ -1,0 +1,226 @@
+#include <tqcore/error_builder.h>
+#include <tqcore/error_exception.h>
+
+#include <gtest/gtest.h>
+#include <boost/lexical_cast.hpp>
+
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+namespace tqcore {
+namespace {
+
+SourceLocation const kHere("test::fn()", "$Id: //tqcore/int/test/error_mapping_test.cpp#1 $", 1);
+
+// ---- errno -----------------------------------------------------------------------------------
+
+struct ErrnoCase {
+  int value;
+  char const* code;
+  char const* message;
+  char const* errno_param;
+};
+
+class FromErrno : public ::testing::TestWithParam<ErrnoCase> {};
+
+TEST_P(FromErrno, RecordCarriesCodeMessageAndNumber) {
+  ErrnoCase const& c = GetParam();
+  ErrorInfo::Ptr error = ErrorInfo::from_errno(kHere, c.value);
+  EXPECT_EQ(error->code(), c.code);
+  EXPECT_EQ(error->message(), c.message);
+  EXPECT_EQ(error->params().get_value("errno"), c.errno_param);
+  EXPECT_EQ(ErrorCode::from_errno(c.value), c.code);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, FromErrno,
+    ::testing::Values(
+        ErrnoCase{ENOENT, "error.errno.ENOENT", "No such file, directory, or resource", "2"},
+        ErrnoCase{10035, "error.errno.EAGAIN",
+                  "Resource temporarily unavailable or a non-blocking operation could not be "
+                  "completed immediately",
+                  "11"},
+        ErrnoCase{EBUSY, "error.errno.EBUSY", "Device or resource busy ", "16"},
+        ErrnoCase{ETIME, "error.errno.ETIME",
+                  "The request was not completed in the allotted time; a timeout occurred", "62"},
+        ErrnoCase{EINPROGRESS, "error.errno.EINPROGRESS",
+                  "A blocking operation is currently executing", "115"},
+        ErrnoCase{0, "", "No Error", "0"}));
+
+TEST(FromErrno, UnknownNumbersUseTheCLibraryTextOrTheTemplate) {
+  ErrorInfo::Ptr known_to_libc = ErrorInfo::from_errno(kHere, ENOTBLK);  // no row of ours
+  EXPECT_EQ(known_to_libc->code(), "error.errno.15");
+  EXPECT_EQ(known_to_libc->message(), "Block device required");
+  ErrorInfo::Ptr unknown = ErrorInfo::from_errno(kHere, 4321);
+  EXPECT_EQ(unknown->code(), "error.errno.4321");
+  EXPECT_EQ(unknown->expanded_message().as_string(), "Unknown error (errno=4321)");
+  EXPECT_EQ(unknown->native_code(), 4321);
+  EXPECT_EQ(ErrorCode::from_errno(-3), "error.errno.-3");
+}
+
+TEST(FromErrno, ReadsErrnoWhenNotGiven) {
+  errno = EACCES;
+  EXPECT_EQ(ErrorCode::from_errno(), "error.errno.EACCES");
+}
+
+// ---- Windows error codes ---------------------------------------------------------------------
+
+TEST(WindowsMapping, LandsOnThisPlatformsNumbersByName) {
+  struct {
+    uint32_t win_error;
+    int expected;
+  } const cases[] = {{190, ENOEXEC},   {187, 0},   {203, 0},
+                     {1816, ENOMEM},   {10066, 0}, {10063, ENAMETOOLONG},
+                     {5, EACCES},      {0, 0},     {10036, EINPROGRESS},
+                     {10071, EREMOTE}, {10067, 0}, {121, ETIME},
+                     {10035, EAGAIN}};
+  for (auto const& c : cases)
+    EXPECT_EQ(errno_from_winerror(c.win_error), c.expected) << c.win_error;
+  EXPECT_EQ(set_errno_from_winerror(100000), EINVAL);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(set_errno_from_winerror(2), ENOENT);
+}
+
+TEST(WindowsMapping, OriginalIsNestedWhenAskedOrWhenNothingFits) {
+  ErrorInfo::Ptr plain = ErrorInfo::from_winerror(kHere, 5, false);
+  EXPECT_EQ(plain->code(), "error.errno.EACCES");
+  EXPECT_TRUE(plain->nested().is_null());
+  ErrorInfo::Ptr nested = ErrorInfo::from_winerror(kHere, 5, true);
+  ASSERT_TRUE(nested->nested());
+  EXPECT_EQ(nested->nested()->code(), "error.os.windows.5");
+  EXPECT_EQ(nested->nested()->params().get_value("winErrorCode"), "5");
+  EXPECT_TRUE(nested->nested()->message().empty());
+  ErrorInfo::Ptr unmapped = ErrorInfo::from_winerror(kHere, 100000, false);
+  EXPECT_EQ(unmapped->code(), "error.errno.EINVAL");
+  EXPECT_TRUE(unmapped->any_matches("error.os.windows"));
+}
+
+// ---- Foreign exceptions ----------------------------------------------------------------------
+
+struct DerivedOutOfRange : std::out_of_range {
+  DerivedOutOfRange() : std::out_of_range("past the end") {}
+};
+struct PlainException : std::exception {
+  char const* what() const noexcept override { return "plain"; }
+};
+
+template <class E>
+ErrorInfo::Ptr translated(E const& e) {
+  return ErrorInfo::from_exception(e, kHere);
+}
+
+TEST(FromException, TheMostDerivedRecognisedClassDecides) {
+  struct {
+    ErrorInfo::Ptr record;
+    char const* code;
+  } const cases[] = {
+      {translated(std::bad_alloc()), "error.exception.bad_alloc"},
+      {translated(std::bad_cast()), "error.exception.bad_cast"},
+      {translated(std::domain_error("d")), "error.exception.logic_error.domain_error"},
+      {translated(std::invalid_argument("i")), "error.exception.logic_error.invalid_argument"},
+      {translated(std::length_error("l")), "error.exception.logic_error.length_error"},
+      {translated(DerivedOutOfRange()), "error.exception.logic_error.out_of_range"},
+      {translated(std::logic_error("l")), "error.exception.logic_error"},
+      {translated(std::range_error("r")), "error.exception.runtime_error.range_error"},
+      {translated(std::overflow_error("o")), "error.exception.runtime_error.overflow_error"},
+      {translated(std::underflow_error("u")), "error.exception.runtime_error.underflow_error"},
+      {translated(std::runtime_error("r")), "error.exception.runtime_error"},
+      {translated(WeakRefPromoteException()), "error.exception.weakRefPromoteException"},
+      {translated(PlainException()), "error.exception"}};
+  for (auto const& c : cases) EXPECT_EQ(c.record->code(), c.code);
+  EXPECT_EQ(cases[5].record->message(), "past the end");
+  EXPECT_EQ(cases[12].record->params().get_value("classname"),
+            "tqcore::(anonymous namespace)::PlainException");
+}
+
+TEST(FromException, ErrorExceptionGivesBackItsOwnRecord) {
+  ErrorInfo::Ptr record = ErrorInfo::create(error::tqcore, "carried", kHere);
+  EXPECT_EQ(translated(ErrorException(record)), record);
+}
+
+TEST(FromException, BadLexicalCastNamesBothTypes) {
+  try {
+    boost::lexical_cast<int>("not a number");
+    FAIL();
+  } catch (boost::bad_lexical_cast const& e) {
+    ErrorInfo::Ptr record = translated(e);
+    EXPECT_TRUE(record->matches("error.exception.bad_cast.bad_lexical_cast"));
+    EXPECT_EQ(record->expanded_message().as_string(),
+              "Bad lexical cast: Unable to convert value of type 'char [13]' to 'int'");
+  }
+}
+
+TEST(FromException, AnonymousExceptionsAreUnknown) {
+  ErrorInfo::Ptr record = ErrorInfo::from_anonymous_exception(kHere);
+  EXPECT_EQ(record->code(), "error.exception.unknown");
+  EXPECT_EQ(record->message(), "Unknown exception");
+  EXPECT_EQ(record->location(), kHere);
+}
+
+// ---- Builders and the nesting throw functions ------------------------------------------------
+
+TEST(ErrorComposer, GivesOneRecordThenAnEmptyOne) {
+  ErrorComposer composer("Route to {@host} failed.");
+  composer.param("host", 4, "example.net", 11);
+  ErrorInfo::Ptr first = composer.create(error::tqcore, kHere);
+  EXPECT_EQ(first->expanded_message().as_string(), "Route to example.net failed.");
+  ErrorInfo::Ptr second = composer.create(error::tqcore, kHere);
+  EXPECT_TRUE(second->message().empty());
+  EXPECT_TRUE(second->params().empty());
+}
+
+TEST(ErrorComposer, CreateTransferThrowsOrStores) {
+  EXPECT_THROW(ErrorComposer("m").create_transfer(nullptr, error::tqcore, kHere), ErrorException);
+  ErrorInfo::Ptr old = ErrorInfo::create(error::tqcore, "old", kHere);
+  ErrorInfo::Ptr sink = old;
+  ErrorComposer("new").create_transfer_with_nested_errno(&sink, error::tqcore_future, kHere, EPIPE);
+  EXPECT_TRUE(old->has_unique_ref());  // the sink let go of it
+  EXPECT_TRUE(sink->matches(error::tqcore_future));
+  EXPECT_TRUE(sink->any_matches("error.errno.EPIPE"));
+}
+
+TEST(ErrorBuilder, MessageIsACopyAndNativeCodeAParameter) {
+  ErrorInfo::Ptr with_code;
+  ErrorInfo::Ptr without_code;
+  {
+    ErrorBuilder builder;
+    builder << "disk " << 3 << " failed";
+    with_code = builder.create(error::tqcore_hardware, kHere, -1);
+    without_code = builder.create(error::tqcore_hardware, kHere, 0);
+  }
+  EXPECT_EQ(with_code->message(), "disk 3 failed");
+  EXPECT_FALSE(with_code->message().is_reference());
+  EXPECT_EQ(with_code->params().get_value("nativeCode"), "-1");
+  EXPECT_EQ(with_code->native_code(), -1);
+  EXPECT_EQ(without_code->params().count("nativeCode"), 0u);
+}
+
+TEST(NestingThrows, KeepTheCallersCodeOutside) {
+  try {
+    throw_with_nested_errno(error::tqcore_hardware, "outer", kHere, EACCES);
+  } catch (ErrorException const& e) {
+    EXPECT_TRUE(e.matches(error::tqcore_hardware));
+    EXPECT_TRUE(e.any_matches("error.errno"));
+  }
+  try {
+    throw_errno(kHere, EACCES);
+  } catch (ErrorException const& e) {
+    EXPECT_TRUE(e.matches("error.errno.EACCES"));
+  }
+  try {
+    throw_with_nested_exception(error::tqcore, "outer", kHere, std::overflow_error("o"));
+  } catch (ErrorException const& e) {
+    EXPECT_TRUE(e.any_matches(error::exception_runtimeError_overflowError));
+  }
+  try {
+    throw_winerror(kHere, 10054, true);
+  } catch (ErrorException const& e) {
+    EXPECT_TRUE(e.matches("error.errno.ECONNRESET"));
+    EXPECT_TRUE(e.any_matches("error.os.windows.10054"));
+  }
+}
+
+}  // namespace
+}  // namespace tqcore
