@@ -12,16 +12,10 @@
 #include <string>
 #include <typeinfo>
 
+#include "error_exception_internal.h"
+
 namespace tqcore {
 namespace {
-
-// GCC's type names are mangled; a reader wants the demangled one, or the raw one if that fails.
-std::string readable_type_name(std::type_info const& type) {
-  int status = 0;
-  std::unique_ptr<char, void (*)(void*)> demangled(
-      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), std::free);
-  return status == 0 && demangled ? std::string(demangled.get()) : std::string(type.name());
-}
 
 SourceString what_of(std::exception const& e) { return SourceString(e.what()); }
 
@@ -52,14 +46,22 @@ ErrorCode const* standard_code(std::exception const& e) {
 
 }  // namespace
 
+// GCC's type names are mangled; a reader wants the demangled one, or the raw one if that fails.
+std::string impl::demangled_type_name(std::type_info const& type) {
+  int status = 0;
+  std::unique_ptr<char, void (*)(void*)> demangled(
+      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), std::free);
+  return status == 0 && demangled ? std::string(demangled.get()) : std::string(type.name());
+}
+
 ErrorInfo::Ptr ErrorInfo::from_exception(std::exception const& e, SourceLocation const& location) {
   if (auto const* carrier = dynamic_cast<ErrorException const*>(&e)) return carrier->error();
   if (auto const* lexical = dynamic_cast<boost::bad_lexical_cast const*>(&e)) {
     ErrorParams params;
     params.add(SourceString::create_reference("sourceType"),
-               readable_type_name(lexical->source_type()));
+               impl::demangled_type_name(lexical->source_type()));
     params.add(SourceString::create_reference("targetType"),
-               readable_type_name(lexical->target_type()));
+               impl::demangled_type_name(lexical->target_type()));
     return create(error::exception_badCast_badLexicalCast,
                   "Bad lexical cast: Unable to convert value of type '{@sourceType}' to "
                   "'{@targetType}'",
@@ -68,7 +70,7 @@ ErrorInfo::Ptr ErrorInfo::from_exception(std::exception const& e, SourceLocation
   // bad_lexical_cast is a bad_cast, and every row below stands after its more derived kin.
   if (ErrorCode const* code = standard_code(e)) return create(*code, what_of(e), location);
   ErrorParams params;
-  params.add(SourceString::create_reference("classname"), readable_type_name(typeid(e)));
+  params.add(SourceString::create_reference("classname"), impl::demangled_type_name(typeid(e)));
   return create(error::exception, what_of(e), std::move(params), location);
 }
 

@@ -8,7 +8,9 @@
 #include <tqcore/error_params.h>
 #include <tqcore/refcount_ptr.h>
 #include <tqcore/refcounted.h>
+#include <tqcore/safe_cast.h>
 #include <tqcore/source_string.h>
 #include <tqcore/static_instance.h>
+#include <tqcore/string_util.h>
 #include <tqcore/tqcore_export.h>
 #include <tqcore/version.h>
