@@ -13,4 +13,5 @@
 #include <tqcore/static_instance.h>
 #include <tqcore/string_util.h>
 #include <tqcore/tqcore_export.h>
+#include <tqcore/ucsutil.h>
 #include <tqcore/version.h>

@@ -1,0 +1,539 @@
+#include <tqcore/error_exception.h>
+#include <tqcore/ucsutil.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace tqcore {
+namespace {
+
+// ---- A reference from the rules: one unit at a time, no fast paths ---------------------------
+
+using Bytes = std::string;
+using U16 = std::vector<unsigned short>;
+using U32 = std::vector<unsigned int>;
+
+bool cont(unsigned char b) { return (b & 0xC0) == 0x80; }
+bool refused(unsigned s) {
+  return (s >= 0xD800 && s <= 0xDFFF) || s == 0xFEFF || s == 0xFFFE || s == 0xFFFF;
+}
+
+// Decodes one UTF-8 character as utf8_to_ucs4_char must; 0 for failure.
+size_t ref_decode8(Bytes const& t, size_t i, unsigned* out) {
+  unsigned char lead = t[i];
+  if (lead < 0x80) return *out = lead, 1;
+  size_t n = lead < 0xC0   ? 0
+             : lead < 0xE0 ? 2
+             : lead < 0xF0 ? 3
+             : lead < 0xF8 ? 4
+             : lead < 0xFC ? 5
+             : lead < 0xFE ? 6
+                           : 0;
+  if (n == 0 || t.size() - i < n) return 0;
+  unsigned s = lead & (0x7F >> n);
+  for (size_t k = 1; k < n; ++k) {
+    if (!cont(t[i + k])) return 0;
+    s = (s << 6) | (static_cast<unsigned char>(t[i + k]) & 0x3F);
+  }
+  unsigned const smallest[] = {0, 0, 0x80, 0x800, 0x10000, 0x200000, 0x4000000};
+  if (s < smallest[n] || (n == 3 && refused(s))) return 0;
+  return *out = s, n;
+}
+
+size_t ref_skip(Bytes const& t, size_t i) {
+  size_t j = i + 1;
+  while (j < t.size() && cont(t[j])) ++j;
+  return j;
+}
+
+struct Outcome {
+  size_t result = 0;
+  int first_invalid = -1;
+  std::string raised;  // code and message of the outer record, then the cause's code
+  // A raise returns no count: then the raised record and the offset are what must agree.
+  bool operator==(Outcome const& o) const {
+    return (raised.empty() ? result == o.result : true) && first_invalid == o.first_invalid &&
+           raised == o.raised;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, Outcome const& o) {
+  return out << "{" << o.result << ", " << o.first_invalid << ", '" << o.raised << "'}";
+}
+
+void note(Outcome& o, size_t at) {
+  if (o.first_invalid == -1) o.first_invalid = static_cast<int>(at);
+}
+
+int ref_status(Bytes const& t, size_t* at);
+
+std::string raised_invalid_utf8(Bytes const& t, size_t i) {
+  size_t unused;
+  int status = ref_status(t.substr(i), &unused);
+  static char const* const kCauses[] = {"",
+                                        "error.tqcore.string.utf8.invalid",
+                                        "error.tqcore.string.utf8.partial",
+                                        "error.tqcore.string.utf8.overlong",
+                                        "error.tqcore.string.utf8.invalid",
+                                        "error.tqcore.string.utf8.invalid",
+                                        "",
+                                        "error.tqcore.string.utf8.invalid"};
+  return std::string("error.tqcore.string.conversion Invalid UTF-8 character encountered <- ") +
+         kCauses[status];
+}
+
+// utf8_to_utf16 by the rules; `out` null measures.
+Outcome ref_utf8_to_utf16(Bytes const& t, unsigned short repl, U16* out) {
+  Outcome o;
+  for (size_t i = 0; i < t.size();) {
+    unsigned s;
+    size_t used = ref_decode8(t, i, &s);
+    if (used == 0) {
+      note(o, i);
+      if (repl == 0) return o.raised = raised_invalid_utf8(t, i), o;
+      if (out) out->push_back(repl);
+      ++o.result;
+      i = ref_skip(t, i);
+      continue;
+    }
+    if (s >= 0x110000) {
+      note(o, i);
+      if (repl == 0) {
+        o.raised =
+            "error.tqcore.string.conversion Encountered UTF-8 (UCS-4) character that cannot be "
+            "represented in UTF-16 <- ";
+        return o;
+      }
+      if (out) out->push_back(repl);
+      ++o.result;
+    } else if (s >= 0x10000) {
+      if (out)
+        out->push_back(static_cast<unsigned short>((s >> 10) + 0xD7C0)),
+            out->push_back(static_cast<unsigned short>((s & 0x3FF) | 0xDC00));
+      o.result += 2;
+    } else {
+      if (out) out->push_back(static_cast<unsigned short>(s));
+      ++o.result;
+    }
+    i += used;
+  }
+  return o;
+}
+
+Outcome ref_utf8_to_ucs4(Bytes const& t, unsigned repl, U32* out) {
+  Outcome o;
+  for (size_t i = 0; i < t.size();) {
+    unsigned s;
+    size_t used = ref_decode8(t, i, &s);
+    if (used == 0) {
+      note(o, i);
+      if (repl == 0) return o.raised = raised_invalid_utf8(t, i), o;
+      s = repl;
+      used = ref_skip(t, i) - i;
+    }
+    if (out) out->push_back(s);
+    ++o.result;
+    i += used;
+  }
+  return o;
+}
+
+void ref_encode8(unsigned s, Bytes* out) {
+  size_t n = s < 0x80        ? 1
+             : s < 0x800     ? 2
+             : s < 0x10000   ? 3
+             : s < 0x200000  ? 4
+             : s < 0x4000000 ? 5
+                             : 6;
+  unsigned char const marker[] = {0, 0, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC};
+  Bytes bytes(n, '\0');
+  for (size_t k = n - 1; k > 0; --k) bytes[k] = static_cast<char>(0x80 | (s & 0x3F)), s >>= 6;
+  bytes[0] = static_cast<char>(n == 1 ? s : marker[n] | s);
+  *out += bytes;
+}
+
+Outcome ref_utf16_to_utf8(U16 const& t, char repl, Bytes* out, bool measuring) {
+  Outcome o;
+  for (size_t i = 0; i < t.size();) {
+    unsigned u = t[i];
+    unsigned s = 0;
+    size_t used = 0;
+    if (u < 0xD800 || (u >= 0xE000 && u <= 0xFFFD && u != 0xFEFF)) {
+      s = u, used = 1;
+    } else if (u <= 0xDBFF && i + 1 < t.size() && t[i + 1] >= 0xDC00 && t[i + 1] <= 0xDFFF) {
+      s = ((u - 0xD7C0) << 10) | (t[i + 1] & 0x3FF), used = 2;
+    }
+    if (used == 0) {
+      note(o, i);
+      if (repl == 0) {
+        o.raised = std::string("error.tqcore.string.conversion Encountered invalid ") +
+                   (measuring ? "UTF-16" : "UCS-4") +
+                   " character that cannot be converted to UTF-8 <- ";
+        return o;
+      }
+      if (out) out->push_back(repl);
+      ++o.result;
+      i += (u >= 0xD800 && u <= 0xDBFF && t.size() - i >= 2) ? 2 : 1;
+      continue;
+    }
+    Bytes bytes;
+    ref_encode8(s, &bytes);
+    if (out) *out += bytes;
+    o.result += bytes.size();
+    i += used;
+  }
+  return o;
+}
+
+// The validator's status by the rules, with the offset of the fault.
+int ref_status(Bytes const& t, size_t* at) {
+  for (size_t i = 0; i < t.size();) {
+    *at = i;
+    unsigned char lead = t[i];
+    size_t left = t.size() - i;
+    auto b = [&](size_t k) { return static_cast<unsigned char>(t[i + k]); };
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    }
+    if (lead < 0xC0 || lead >= 0xFE) return 1;
+    if (lead < 0xE0) {
+      if (left < 2) return 2;
+      if (lead < 0xC2) return 3;
+      if (!cont(b(1))) return 4;
+      i += 2;
+      continue;
+    }
+    if (lead < 0xF0) {
+      if (left < 3) return 2;
+      if (!cont(b(1)) || !cont(b(2))) return 4;
+      unsigned s = ((lead & 0xF) << 12) | ((b(1) & 0x3F) << 6) | (b(2) & 0x3F);
+      if (s < 0x800) return 3;
+      if (s >= 0xD800 && s <= 0xDFFF) return 5;
+      if (s == 0xFEFF) return 7;
+      i += 3;
+      continue;
+    }
+    size_t n = lead < 0xF8 ? 4 : lead < 0xFC ? 5 : 6;
+    if (left < n) return 2;
+    if ((n == 4 && lead == 0xF0 && b(1) < 0x90) || (n == 5 && lead == 0xF8 && b(1) < 0x88) ||
+        (n == 6 && lead == 0xFC && b(1) < 0x84)) {
+      return 3;
+    }
+    for (size_t k = 1; k < n; ++k) {
+      if (!cont(b(k))) return 4;
+    }
+    i += n;
+  }
+  return 0;
+}
+
+// ---- Generated inputs ------------------------------------------------------------------------
+
+Bytes generated_utf8(std::mt19937& random) {
+  static char const* const kPieces[] = {"a",
+                                        "Hello, world. ",
+                                        "0123456789abcdefghijklmnopqrstuvwxyz",
+                                        "\xC3\xA9",
+                                        "\xD0\x96",
+                                        "\xE2\x82\xAC",
+                                        "\xE4\xB8\xAD",
+                                        "\xF0\x9F\x98\x80",
+                                        "\xF4\x8F\xBF\xBF",
+                                        "\xF4\x90\x80\x80",  // beyond U+10FFFF
+                                        "\xF8\x88\x80\x80\x80",
+                                        "\xFC\x84\x80\x80\x80\x80",
+                                        "\xFD\xBF\xBF\xBF\xBF\xBF",
+                                        "\xC0\x80",
+                                        "\xC1\xBF",
+                                        "\xE0\x80\x80",
+                                        "\xE0\x80\x20",
+                                        "\xF0\x80\x80\x80",  // overlong
+                                        "\xF0\x80\x20\x20",
+                                        "\xF8\x80\x80\x80\x80",
+                                        "\xFC\x80\x80\x80\x80\x80",
+                                        "\xED\xA0\x80",
+                                        "\xED\xBF\xBF",  // surrogates
+                                        "\xEF\xBB\xBF",
+                                        "\xEF\xBF\xBE",
+                                        "\xEF\xBF\xBF",  // U+FEFF, U+FFFE, U+FFFF
+                                        "\x80",
+                                        "\xBF",
+                                        "\xFE",
+                                        "\xFF",  // not lead bytes
+                                        "\xC3",
+                                        "\xE2\x82",
+                                        "\xF0\x9F\x98",  // truncated (mid-text)
+                                        "\xC3\x28",
+                                        "\xE2\x28\xAC",
+                                        "\xF0\x9F\x28\x80",  // bad continuation
+                                        std::string(1, '\0').c_str()};
+  Bytes text;
+  size_t pieces = random() % 12;
+  for (size_t k = 0; k < pieces; ++k) {
+    size_t pick = random() % (sizeof(kPieces) / sizeof(kPieces[0]));
+    text +=
+        pick == sizeof(kPieces) / sizeof(kPieces[0]) - 1 ? Bytes(1, '\0') : Bytes(kPieces[pick]);
+  }
+  if (random() % 4 == 0 && !text.empty()) text.resize(random() % text.size());  // cut anywhere
+  return text;
+}
+
+U16 generated_utf16(std::mt19937& random) {
+  static unsigned short const kUnits[] = {'a',    'Z',    0x7F,   0x80,   0xE9,   0x416,
+                                          0x20AC, 0xD7FF, 0xD83D, 0xDE00, 0xDBFF, 0xDC00,
+                                          0xE000, 0xFEFF, 0xFFFD, 0xFFFE, 0xFFFF, 0};
+  U16 text(random() % 40);
+  for (unsigned short& u : text) u = kUnits[random() % (sizeof(kUnits) / sizeof(kUnits[0]))];
+  return text;
+}
+
+template <class F>
+Outcome run_library(F&& call) {
+  Outcome o;
+  try {
+    o.result = call(&o.first_invalid);
+  } catch (ErrorException const& e) {
+    o.result = 0;
+    o.raised = e.error()->code().value().as_string() + " " + e.error()->message().as_string() +
+               " <- " +
+               (e.error()->nested() ? e.error()->nested()->code().value().as_string() : "");
+  }
+  return o;
+}
+
+constexpr int kRounds = 20000;
+
+TEST(UnicodeDifferential, Utf8ToUtf16AndWideMatchTheRules) {
+  std::mt19937 random(11);
+  for (int round = 0; round < kRounds; ++round) {
+    Bytes const text = generated_utf8(random);
+    for (unsigned short repl : {static_cast<unsigned short>(0), static_cast<unsigned short>('?')}) {
+      SCOPED_TRACE(::testing::PrintToString(text) + " repl " + std::to_string(repl));
+      Outcome measured = run_library(
+          [&](int* fi) { return utf8_to_utf16(text.data(), text.size(), nullptr, 0, repl, fi); });
+      ASSERT_EQ(measured, ref_utf8_to_utf16(text, repl, nullptr));
+      U16 expected;
+      Outcome reference = ref_utf8_to_utf16(text, repl, &expected);
+      if (!reference.raised.empty()) {  // no measure to size by: a buffer that cannot run out
+        U16 big(text.size() + 1);
+        Outcome wrote = run_library([&](int* fi) {
+          return utf8_to_utf16(text.data(), text.size(), big.data(), big.size(), repl, fi);
+        });
+        ASSERT_EQ(wrote, reference);
+        continue;
+      }
+      U16 written(measured.result + 1, 0xAAAA);
+      Outcome wrote = run_library([&](int* fi) {
+        return utf8_to_utf16(text.data(), text.size(), written.data(), measured.result, repl, fi);
+      });
+      ASSERT_EQ(wrote, reference);
+      ASSERT_EQ(U16(written.begin(), written.begin() + wrote.result), expected);
+      ASSERT_EQ(written[measured.result], 0xAAAA);  // nothing beyond the measured size
+      // The wide form gives the same characters: one wchar_t per scalar.
+      std::vector<wchar_t> wide(text.size() + 1);
+      size_t wide_size =
+          utf8_to_wstr(text.data(), text.size(), wide.data(), wide.size(), repl, nullptr);
+      U16 round_trip(wide_size * 2 + 1);
+      std::vector<unsigned int> scalars(wide.begin(), wide.begin() + wide_size);
+      size_t n = 0;
+      for (unsigned s : scalars)
+        n += ucs4_char_to_utf16(s, round_trip.data() + n, round_trip.data() + round_trip.size());
+      round_trip.resize(n);
+      ASSERT_EQ(round_trip, expected);
+    }
+  }
+}
+
+TEST(UnicodeDifferential, Utf8ToUcs4MatchesTheRules) {
+  std::mt19937 random(12);
+  for (int round = 0; round < kRounds; ++round) {
+    Bytes const text = generated_utf8(random);
+    for (unsigned repl : {0u, 0xFFFDu}) {
+      SCOPED_TRACE(::testing::PrintToString(text));
+      Outcome measured = run_library(
+          [&](int* fi) { return utf8_to_ucs4(text.data(), text.size(), nullptr, 0, repl, fi); });
+      ASSERT_EQ(measured, ref_utf8_to_ucs4(text, repl, nullptr));
+      if (!measured.raised.empty()) continue;
+      U32 expected;
+      ref_utf8_to_ucs4(text, repl, &expected);
+      U32 written(measured.result + 1, 0xAAAA);
+      Outcome wrote = run_library([&](int* fi) {
+        return utf8_to_ucs4(text.data(), text.size(), written.data(), measured.result, repl, fi);
+      });
+      ASSERT_EQ(wrote, measured);
+      ASSERT_EQ(U32(written.begin(), written.begin() + wrote.result), expected);
+      // Back to UTF-8: each scalar is one character again, and the measure predicts the write.
+      Outcome back = run_library([&](int* fi) {
+        return ucs4_to_utf8(expected.data(), expected.size(), nullptr, 0, '?', fi);
+      });
+      Bytes utf8(back.result, '\0');
+      ASSERT_EQ(
+          ucs4_to_utf8(expected.data(), expected.size(), utf8.data(), utf8.size(), '?', nullptr),
+          back.result);
+    }
+  }
+}
+
+TEST(UnicodeDifferential, Utf16AndWideToUtf8MatchTheRules) {
+  std::mt19937 random(13);
+  for (int round = 0; round < kRounds; ++round) {
+    U16 const text = generated_utf16(random);
+    for (char repl : {'\0', '?'}) {
+      SCOPED_TRACE(::testing::PrintToString(text));
+      Outcome measured = run_library(
+          [&](int* fi) { return utf16_to_utf8(text.data(), text.size(), nullptr, 0, repl, fi); });
+      ASSERT_EQ(measured, ref_utf16_to_utf8(text, repl, nullptr, true));
+      if (!measured.raised.empty()) {
+        Bytes big(200, '\0');
+        Outcome wrote = run_library([&](int* fi) {
+          return utf16_to_utf8(text.data(), text.size(), big.data(), big.size(), repl, fi);
+        });
+        ASSERT_EQ(wrote, ref_utf16_to_utf8(text, repl, nullptr, false));
+        continue;
+      }
+      Bytes expected;
+      ref_utf16_to_utf8(text, repl, &expected, false);
+      Bytes written(measured.result, '\0');
+      ASSERT_EQ(
+          utf16_to_utf8(text.data(), text.size(), written.data(), written.size(), repl, nullptr),
+          measured.result);
+      ASSERT_EQ(written, expected);
+      // Wide text without surrogates converts alike.
+      std::vector<wchar_t> wide;
+      for (unsigned short u : text) {
+        if (u < 0xD800 || u > 0xDFFF) wide.push_back(u);
+      }
+      Bytes from_wide(wide.size() * 3, '\0');
+      size_t n =
+          wstr_to_utf8(wide.data(), wide.size(), from_wide.data(), from_wide.size(), '?', nullptr);
+      U16 narrow(wide.begin(), wide.end());
+      Bytes from_narrow;
+      ref_utf16_to_utf8(narrow, '?', &from_narrow, false);
+      ASSERT_EQ(from_wide.substr(0, n), from_narrow);
+    }
+  }
+}
+
+TEST(UnicodeDifferential, ValidatorAndRepairMatchTheRules) {
+  std::mt19937 random(14);
+  for (int round = 0; round < kRounds; ++round) {
+    Bytes text = generated_utf8(random);
+    size_t expected_at = 0;
+    int expected = ref_status(text, &expected_at);
+    size_t at = 0;
+    ASSERT_EQ(utf8_validate(text.data(), text.size(), &at), expected)
+        << ::testing::PrintToString(text);
+    if (expected != 0) {
+      ASSERT_EQ(at, expected_at);
+    }
+    ASSERT_EQ(is_valid_utf8(text.data(), text.size()), expected == 0);
+    // The repair leaves a valid text of the same length, and starts at the first fault.
+    Bytes repaired = text;
+    int first_invalid = 0;
+    make_valid_utf8(repaired.data(), repaired.size(), '?', &first_invalid);
+    ASSERT_EQ(repaired.size(), text.size());
+    ASSERT_TRUE(is_valid_utf8(repaired.data(), repaired.size()));
+    ASSERT_EQ(first_invalid, expected == 0 ? -1 : static_cast<int>(expected_at));
+  }
+}
+
+// ---- The rules' own edge cases ---------------------------------------------------------------
+
+TEST(Utf8Validator, OrderOfTestsDecidesTheStatus) {
+  struct {
+    char const* text;
+    int status;
+  } const cases[] = {{"\xC0\x80", 3},         {"\xE0\x80\x20", 4},
+                     {"\xF0\x80\x20\x20", 3}, {"\xED\xA0\x80", 5},
+                     {"ok\xEF\xBB\xBF", 7},   {"\xEF\xBF\xBE", 0},
+                     {"\xEF\xBF\xBF", 0},     {"\xF4\x90\x80\x80", 0},
+                     {"\xE2\x82", 2},         {"", 0}};
+  for (auto const& c : cases)
+    EXPECT_EQ(utf8_validate(c.text, std::strlen(c.text)), c.status) << c.text;
+  try {
+    check_valid_utf8("\xE2\x82", 2);
+    FAIL();
+  } catch (ErrorException const& e) {
+    EXPECT_EQ(e.error()->code(), "error.tqcore.string.utf8.partial");
+    EXPECT_EQ(e.error()->message(), "String ends in a partial UTF-8 sequence");
+    EXPECT_EQ(e.error()->location().function(), "tqcore::check_valid_utf8()");
+  }
+  EXPECT_TRUE(utf8_status_error(0, "f()", 1).is_null());
+  EXPECT_EQ(utf8_status_error(8, "f()", 1)->message(),
+            "UTF-8 string must not contain U+FFFF character");
+}
+
+TEST(PerCharacter, EncodersAndDecodersFollowTheRules) {
+  char buffer[8];
+  EXPECT_EQ(ucs4_char_to_utf8(0x7FFFFFFF, buffer, buffer + 8), 6u);
+  EXPECT_EQ(Bytes(buffer, 6), "\xFD\xBF\xBF\xBF\xBF\xBF");
+  errno = 0;
+  EXPECT_EQ(ucs4_char_to_utf8(0x80000000u, buffer, buffer + 8), 0u);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ucs4_char_to_utf8(0xE9, buffer, buffer + 1), 0u);  // the lead byte stays written
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(static_cast<unsigned char>(buffer[0]), 0xC3);
+  EXPECT_EQ(ucs4_char_to_utf8(0xFFFE, nullptr, nullptr), 0u);
+  EXPECT_EQ(ucs4_char_utf8_length(0x90000000u), 6u);
+  unsigned int scalar = 0;
+  EXPECT_EQ(utf8_to_ucs4_char("\xEF\xBF\xBF", 3, &scalar), 0u);
+  EXPECT_EQ(utf8_to_ucs4_char("\xF4\x90\x80\x80", 4, &scalar), 4u);
+  EXPECT_EQ(scalar, 0x110000u);
+  errno = 0;
+  EXPECT_EQ(utf8_to_ucs4_char("", 0, &scalar), 0u);
+  EXPECT_EQ(errno, 0);
+  unsigned short units[2];
+  EXPECT_EQ(ucs4_char_to_utf16(0x1F600, units, units + 2), 2u);
+  EXPECT_EQ(utf16_to_ucs4_char(units, 2, &scalar), 2u);
+  EXPECT_EQ(scalar, 0x1F600u);
+  EXPECT_EQ(ucs4_char_to_utf16(0x110000, units, units + 2), 0u);
+  EXPECT_EQ(utf8_sequence_length('\xFD'), 6u);
+  EXPECT_EQ(utf8_sequence_length('\xBF'), 0u);
+}
+
+TEST(StringFunctions, TerminatorAndReplacementRules) {
+  unsigned short units[4];
+  EXPECT_EQ(utf8_to_utf16("ab", SIZE_MAX, units, 4, 0, nullptr), 3u);
+  EXPECT_EQ(units[2], 0);
+  EXPECT_EQ(utf8_to_utf16("ab", 2, units, 4, 0, nullptr), 2u);
+  unsigned short const lone_high[] = {0xD800, 'A'};
+  char out[4];
+  EXPECT_EQ(utf16_to_utf8(lone_high, 2, out, 4, '?', nullptr), 1u);
+  EXPECT_EQ(out[0], '?');
+  unsigned short const lone_low[] = {0xDC00, 'A'};
+  EXPECT_EQ(utf16_to_utf8(lone_low, 2, out, 4, '?', nullptr), 2u);
+  EXPECT_EQ(Bytes(out, 2), "?A");
+  Bytes text = "\xE2\x82x";
+  int first_invalid = 5;
+  make_valid_utf8(text.data(), text.size(), '?', &first_invalid);
+  EXPECT_EQ(text, "??x");
+  EXPECT_EQ(first_invalid, 0);
+  unsigned int scalars[4];
+  EXPECT_EQ(utf8_to_ucs4("\xE2\x82x", 3, scalars, 4, 0xFFFD, nullptr), 2u);
+  unsigned int const big[] = {0x80000000u};
+  EXPECT_EQ(ucs4_to_utf8(big, 1, nullptr, 0, '?', nullptr), 6u);  // measured 6, written 1
+  EXPECT_EQ(ucs4_to_utf8(big, 1, out, 4, '?', nullptr), 1u);
+  EXPECT_EQ(utf8_to_ucs4("abc", 3, scalars, 2, 0, nullptr), 0u);  // full is EINVAL here
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(utf8_to_utf16("abc", 3, units, 2, 0, nullptr), 0u);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST(StringFunctions, LimitLengthDropsACutSequence) {
+  char const text[] =
+      "a\xE2\x82\xAC"
+      "b";
+  EXPECT_EQ(utf8_limit_length(text, 5, 2), 1u);
+  EXPECT_EQ(utf8_limit_length(text, 5, 3), 1u);
+  EXPECT_EQ(utf8_limit_length(text, 5, 4), 4u);
+  EXPECT_EQ(utf8_limit_length(text, 5, 9), 5u);
+  EXPECT_EQ(utf8_limit_length(text, 5, 0), 0u);
+}
+
+}  // namespace
+}  // namespace tqcore
