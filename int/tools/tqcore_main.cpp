@@ -1,61 +1,132 @@
 // The tqcore command-line tool: shows what the library does.
 #include <tqcore/tqcore.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string>
+#include <vector>
 
 namespace {
 
 char const kFileId[] = "$Id: //tqcore/int/tools/tqcore_main.cpp#1 $";
 
 void print_usage(std::ostream& out) {
-  out << "Usage: tqcore [--help] [--version]\n"
+  out << "Usage: tqcore [--help] [--version] [COMMAND]\n"
          "\n"
-         "With no arguments, prints the version and a sample error report.\n"
+         "With no command, prints the version and a sample error report.\n"
+         "\n"
+         "Commands:\n"
+         "  errno N            print the error record of errno value N\n"
+         "  utf8 check [FILE]  validate FILE (or standard input) as UTF-8; prints the status\n"
+         "                     and the byte offset of the first fault, exits 1 if there is one\n"
          "\n"
          "Options:\n"
          "  --help     show this text\n"
          "  --version  print the library version\n";
 }
 
+int usage_error(std::string const& message) {
+  std::cerr << "tqcore: " << message << "\n\n";
+  print_usage(std::cerr);
+  return 2;
+}
+
 // A three-record chain as a failing call would build it: a parse failure, the configuration
 // load that saw it, and the start-up that gave up.
 tqcore::ErrorInfo::Ptr sample_chain() {
   using namespace tqcore;
-  ErrorParams parse_params;
-  parse_params.add(SourceString::create_reference("utcTime"), "2026-13-01T00:00:00Z");
-  ErrorInfo::Ptr parse = ErrorInfo::create(
-      error::tqcore_absoluteTime_invalidUtcString, "The month of '{@utcTime}' is out of range.",
-      std::move(parse_params), SourceLocation("tqcore::AbsoluteTime::from_string()", kFileId, 42));
-  ErrorParams load_params;
-  load_params.add(SourceString::create_reference("path"), "/etc/example/service.conf");
-  load_params.add(SourceString::create_reference("line"), "17");
-  ErrorInfo::Ptr load = ErrorInfo::create(
-      ErrorCode("error.example.config.invalidValue"), "Invalid value in {@path} at line {@line}.",
-      std::move(load_params), SourceLocation("example::Config::load()", kFileId, 97), parse);
+  ErrorInfo::Ptr parse =
+      ErrorComposer("The month of '{@utcTime}' is out of range.")
+          .param(SourceString::create_reference("utcTime"), "2026-13-01T00:00:00Z")
+          .create(error::tqcore_absoluteTime_invalidUtcString,
+                  SourceLocation("tqcore::AbsoluteTime::from_string()", kFileId, 42));
+  ErrorInfo::Ptr load =
+      ErrorComposer("Invalid value in {@path} at line {@line}.")
+          .param(SourceString::create_reference("path"), "/etc/example/service.conf")
+          .param(SourceString::create_reference("line"), "17")
+          .create(ErrorCode("error.example.config.invalidValue"),
+                  SourceLocation("example::Config::load()", kFileId, 97), parse);
   return ErrorInfo::create(ErrorCode("error.example.startup"), "The service could not start.",
                            SourceLocation("example::Service::start()", kFileId, 210), load);
+}
+
+int show_errno(std::vector<std::string> const& args) {
+  if (args.size() != 1) return usage_error("errno takes one number");
+  char* end = nullptr;
+  errno = 0;
+  long value = std::strtol(args[0].c_str(), &end, 0);
+  if (args[0].empty() || *end != '\0' || errno != 0 || value < INT32_MIN || value > INT32_MAX) {
+    return usage_error("not an errno number: '" + args[0] + "'");
+  }
+  std::cout << tqcore::ErrorInfo::from_errno(
+                   tqcore::SourceLocation("tqcore errno", kFileId, __LINE__),
+                   static_cast<int>(value))
+            << '\n';
+  return 0;
+}
+
+bool read_all(std::string const& path, std::string* text) {
+  if (path.empty() || path == "-") {
+    text->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    return !std::cin.bad();
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return false;
+  text->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  return !file.bad();
+}
+
+int check_utf8(std::vector<std::string> const& args) {
+  if (args.empty() || args[0] != "check" || args.size() > 2) {
+    return usage_error("usage: tqcore utf8 check [FILE]");
+  }
+  std::string const path = args.size() == 2 ? args[1] : "";
+  std::string text;
+  if (!read_all(path, &text)) {
+    std::cerr << "tqcore: cannot read '" << path << "': " << std::strerror(errno) << '\n';
+    return 2;
+  }
+  size_t fault = 0;
+  int status = tqcore::utf8_validate(text.data(), text.size(), &fault);
+  if (status == tqcore::utf8_valid) {
+    std::cout << "valid UTF-8 (" << text.size() << " bytes)\n";
+    return 0;
+  }
+  tqcore::ErrorInfo::Ptr error = tqcore::utf8_status_error(status, "tqcore utf8 check", __LINE__);
+  std::cout << "invalid UTF-8 at byte " << fault << ": " << error->message() << " ("
+            << error->code() << ")\n";
+  return 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1) {
-    std::string const arg = argv[1];
-    if (arg == "--help" || arg == "-h") {
-      print_usage(std::cout);
-      return 0;
-    }
-    if (arg == "--version") {
-      std::cout << "tqcore " << TQCORE_VERSION_STRING << '\n';
-      return 0;
-    }
-    std::cerr << "tqcore: unknown argument '" << arg << "'\n";
-    print_usage(std::cerr);
-    return 2;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty()) {
+    std::cout << "tqcore " << TQCORE_VERSION_STRING << "\n\nA sample error report:";
+    std::cout << sample_chain() << '\n';
+    return 0;
   }
-  std::cout << "tqcore " << TQCORE_VERSION_STRING << "\n\nA sample error report:";
-  std::cout << sample_chain() << '\n';
-  return 0;
+  std::string const command = args[0];
+  args.erase(args.begin());
+  if (command == "--help" || command == "-h") {
+    print_usage(std::cout);
+    return 0;
+  }
+  if (command == "--version") {
+    std::cout << "tqcore " << TQCORE_VERSION_STRING << '\n';
+    return 0;
+  }
+  try {
+    if (command == "errno") return show_errno(args);
+    if (command == "utf8") return check_utf8(args);
+  } catch (tqcore::ErrorException const& e) {
+    std::cerr << "tqcore: " << e.what() << '\n';
+    return 1;
+  }
+  return usage_error("unknown command '" + command + "'");
 }
