@@ -58,8 +58,8 @@ void print_ratios(std::map<std::string, double> const& times) {
     double ratio = ours->second / peer->second;
     char goal[32] = "-";
     if (c.goal > 0) std::snprintf(goal, sizeof(goal), "%.2f%s", c.goal, ratio <= c.goal ? "" : "!");
-    std::printf("%-48s %-44s %9.2f %9.2f %7.3f %6s\n", c.ours, c.peer, ours->second, peer->second,
-                ratio, goal);
+    std::printf("%-48s %-44s %9.2f %9.2f %7.3f %6s\n", c.ours.c_str(), c.peer.c_str(), ours->second,
+                peer->second, ratio, goal);
   }
 }
 

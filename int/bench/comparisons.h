@@ -1,13 +1,14 @@
 // Pairs of benchmarks that bench_main reports side by side as ratios.
 #pragma once
 
+#include <string>
 #include <vector>
 
 namespace tqcore_bench {
 
 struct Comparison {
-  char const* ours;
-  char const* peer;
+  std::string ours;
+  std::string peer;
   double goal;  // the highest acceptable ratio ours / peer; 0 when only reported
 };
 
@@ -15,8 +16,8 @@ struct Comparison {
 std::vector<Comparison>& comparisons();
 
 struct RegisterComparison {
-  RegisterComparison(char const* ours, char const* peer, double goal) {
-    comparisons().push_back(Comparison{ours, peer, goal});
+  RegisterComparison(std::string ours, std::string peer, double goal) {
+    comparisons().push_back(Comparison{std::move(ours), std::move(peer), goal});
   }
 };
 
