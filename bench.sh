@@ -3,6 +3,6 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/ensure-packages.sh bench
-cmake --preset release -DTQCORE_BUILD_BENCH=ON >/dev/null
-cmake --build --preset release --target tqcore_bench >/dev/null
+scripts/quietly.sh cmake --preset release -DTQCORE_BUILD_BENCH=ON
+scripts/quietly.sh cmake --build --preset release --target tqcore_bench
 exec build/release/int/bench/tqcore_bench "$@"

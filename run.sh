@@ -3,6 +3,6 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/ensure-packages.sh build
-cmake --preset release -DTQCORE_BUILD_TESTS=OFF -DTQCORE_BUILD_BENCH=OFF >/dev/null
-cmake --build --preset release --target tqcore_tool >/dev/null
+scripts/quietly.sh cmake --preset release -DTQCORE_BUILD_TESTS=OFF -DTQCORE_BUILD_BENCH=OFF
+scripts/quietly.sh cmake --build --preset release --target tqcore_tool
 exec build/release/int/tools/tqcore "$@"

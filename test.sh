@@ -3,6 +3,6 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/ensure-packages.sh test
-cmake --preset debug -DTQCORE_BUILD_TESTS=ON >/dev/null
-cmake --build --preset debug >/dev/null
+scripts/quietly.sh cmake --preset debug -DTQCORE_BUILD_TESTS=ON
+scripts/quietly.sh cmake --build --preset debug
 ctest --preset debug

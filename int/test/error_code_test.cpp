@@ -7,7 +7,6 @@
 #include <cctype>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -167,13 +166,12 @@ struct CatalogueEntry {
 
 std::vector<CatalogueEntry> catalogue() {
   std::ifstream header(TQCORE_PUBLIC_INCLUDE_DIR "/tqcore/error_code.h");
-  std::regex const declaration(R"(^extern TQCORE_EXPORT ErrorCode const (\w+);$)");
+  std::string const prefix = "extern TQCORE_EXPORT ErrorCode const ";
   std::vector<CatalogueEntry> entries;
   std::string line;
-  std::smatch match;
   while (std::getline(header, line)) {
-    if (!std::regex_match(line, match, declaration)) continue;
-    std::string name = match[1];
+    if (line.rfind(prefix, 0) != 0 || line.back() != ';') continue;
+    std::string name = line.substr(prefix.size(), line.size() - prefix.size() - 1);
     std::string symbol = "_ZN6tqcore5error" + std::to_string(name.size()) + name + "E";
     entries.push_back({name, static_cast<ErrorCode const*>(dlsym(RTLD_DEFAULT, symbol.c_str()))});
   }

@@ -176,6 +176,61 @@ size_t skip_ill_formed(char const* text, size_t size, size_t i) {
   return j;
 }
 
+// Decodes the well-formed sequences of U+0080 to U+10FFFF that every conversion accepts; 0 for
+// anything else, which then takes the full rules. Only a shortcut: it accepts nothing that
+// the rules would treat differently.
+inline size_t decode_common(char const* text, size_t left, unsigned int* scalar) {
+  auto const* p = reinterpret_cast<unsigned char const*>(text);
+  unsigned int const b0 = p[0];
+  if (b0 < 0xC2) return 0;
+  if (b0 < 0xE0) {
+    if (left < 2 || !is_continuation(p[1])) return 0;
+    *scalar = ((b0 & 0x1Fu) << 6) | (p[1] & 0x3Fu);
+    return 2;
+  }
+  if (b0 < 0xF0) {
+    if (left < 3 || !is_continuation(p[1]) || !is_continuation(p[2])) return 0;
+    unsigned int const s = ((b0 & 0x0Fu) << 12) | ((p[1] & 0x3Fu) << 6) | (p[2] & 0x3Fu);
+    if (s < 0x800 || is_surrogate(s) || is_refused_noncharacter(s)) return 0;
+    *scalar = s;
+    return 3;
+  }
+  if (b0 < 0xF5) {
+    if (left < 4 || !is_continuation(p[1]) || !is_continuation(p[2]) || !is_continuation(p[3])) {
+      return 0;
+    }
+    unsigned int const s = ((b0 & 0x07u) << 18) | ((p[1] & 0x3Fu) << 12) |
+                           ((p[2] & 0x3Fu) << 6) | (p[3] & 0x3Fu);
+    if (s < 0x10000 || s >= 0x110000) return 0;
+    *scalar = s;
+    return 4;
+  }
+  return 0;
+}
+
+// Writes a scalar of U+0080 to U+10FFFF that is no surrogate and no refused noncharacter;
+// the caller has made sure of room for four bytes.
+inline size_t encode_common(unsigned int s, char* out) {
+  if (s < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (s >> 6));
+    out[1] = static_cast<char>(0x80 | (s & 0x3F));
+    return 2;
+  }
+  if (s < 0x10000) {
+    out[0] = static_cast<char>(0xE0 | (s >> 12));
+    out[1] = static_cast<char>(0x80 | ((s >> 6) & 0x3F));
+    out[2] = static_cast<char>(0x80 | (s & 0x3F));
+    return 3;
+  }
+  out[0] = static_cast<char>(0xF0 | (s >> 18));
+  out[1] = static_cast<char>(0x80 | ((s >> 12) & 0x3F));
+  out[2] = static_cast<char>(0x80 | ((s >> 6) & 0x3F));
+  out[3] = static_cast<char>(0x80 | (s & 0x3F));
+  return 4;
+}
+
+inline size_t common_utf8_length(unsigned int s) { return s < 0x800 ? 2 : s < 0x10000 ? 3 : 4; }
+
 }  // namespace
 
 // ---- Per-character functions -----------------------------------------------------------------
@@ -313,6 +368,19 @@ struct Utf16Source {
   static size_t decode(Unit const* text, size_t size, unsigned int* out) {
     return utf16_to_ucs4_char(text, size, out);
   }
+  // The well-formed units and pairs, inline; 0 sends the rest to `decode`.
+  static size_t decode_common(Unit const* text, size_t size, unsigned int* out) {
+    unsigned int const u = text[0];
+    if (u < 0xD800 || (u >= 0xE000 && u <= 0xFFFD && u != 0xFEFF)) {
+      *out = u;
+      return 1;
+    }
+    if (u <= 0xDBFF && size >= 2 && text[1] >= 0xDC00 && text[1] <= 0xDFFF) {
+      *out = ((u - 0xD7C0) << 10) | (text[1] & 0x3FFu);
+      return 2;
+    }
+    return 0;
+  }
   // A bad high surrogate takes the unit after it along, as a broken pair.
   static size_t bad_unit_length(Unit const* text, size_t left) {
     return text[0] >= 0xD800 && text[0] <= 0xDBFF && left >= 2 ? 2 : 1;
@@ -322,6 +390,9 @@ struct Utf16Source {
 struct WideSource {
   using Unit = wchar_t;
   static size_t decode(Unit const* text, size_t size, unsigned int* out) {
+    return wide_to_ucs4_char(text, size, out);
+  }
+  static size_t decode_common(Unit const* text, size_t size, unsigned int* out) {
     return wide_to_ucs4_char(text, size, out);
   }
   static size_t bad_unit_length(Unit const*, size_t) { return 1; }
@@ -347,11 +418,12 @@ size_t to_utf8_measure(typename Source::Unit const* source, size_t size, char re
       continue;
     }
     unsigned int scalar = 0;
-    if (size_t used = Source::decode(source + i, size - i, &scalar)) {
-      count += ucs4_char_utf8_length(scalar);
+    if (size_t used = Source::decode_common(source + i, size - i, &scalar)) {
+      count += common_utf8_length(scalar);
       i += used;
       continue;
     }
+    Source::decode(source + i, size - i, &scalar);  // sets errno for the refusal
     record_invalid(first_invalid, i);
     if (replacement == 0) {
       raise_conversion("Encountered invalid UTF-16 character that cannot be converted to UTF-8",
@@ -379,13 +451,16 @@ size_t to_utf8_write(typename Source::Unit const* source, size_t size, char* des
       continue;
     }
     unsigned int scalar = 0;
-    if (size_t used = Source::decode(source + i, size - i, &scalar)) {
-      size_t written = ucs4_char_to_utf8(scalar, destination + count, destination + capacity);
+    if (size_t used = Source::decode_common(source + i, size - i, &scalar)) {
+      size_t written = capacity - count >= 4
+                           ? encode_common(scalar, destination + count)
+                           : ucs4_char_to_utf8(scalar, destination + count, destination + capacity);
       if (written == 0) return 0;
       count += written;
       i += used;
       continue;
     }
+    Source::decode(source + i, size - i, &scalar);  // sets errno for the refusal
     record_invalid(first_invalid, i);
     if (replacement == 0) {
       raise_conversion("Encountered invalid UCS-4 character that cannot be converted to UTF-8",
@@ -445,6 +520,11 @@ size_t from_utf8_measure(char const* source, size_t size, typename Target::Unit 
       continue;
     }
     unsigned int scalar = 0;
+    if (size_t used = decode_common(source + i, size - i, &scalar)) {
+      count += scalar < 0x10000 ? 1 : Target::measure(scalar);
+      i += used;
+      continue;
+    }
     size_t used = utf8_to_ucs4_char(source + i, size - i, &scalar);
     if (used == 0) {
       record_invalid(first_invalid, i);
@@ -483,6 +563,13 @@ size_t from_utf8_write(char const* source, size_t size, typename Target::Unit* d
       continue;
     }
     unsigned int scalar = 0;
+    if (size_t used = decode_common(source + i, size - i, &scalar)) {
+      if (scalar < 0x10000 && count < capacity) {
+        destination[count++] = static_cast<Unit>(scalar);
+        i += used;
+        continue;
+      }
+    }
     size_t used = utf8_to_ucs4_char(source + i, size - i, &scalar);
     if (used == 0) {
       record_invalid(first_invalid, i);
@@ -619,7 +706,9 @@ size_t utf8_to_ucs4_measure(char const* source, size_t size, unsigned int replac
       i += run;
       continue;
     }
-    size_t used = utf8_to_ucs4_char(source + i, size - i, nullptr);
+    unsigned int scalar = 0;
+    size_t used = decode_common(source + i, size - i, &scalar);
+    if (used == 0) used = utf8_to_ucs4_char(source + i, size - i, nullptr);
     ++count;
     if (used != 0) {
       i += used;
@@ -648,7 +737,8 @@ size_t utf8_to_ucs4_write(char const* source, size_t size, unsigned int* destina
       i += taken;
       continue;
     }
-    size_t used = utf8_to_ucs4_char(source + i, size - i, destination + count);
+    size_t used = decode_common(source + i, size - i, destination + count);
+    if (used == 0) used = utf8_to_ucs4_char(source + i, size - i, destination + count);
     if (used != 0) {
       ++count;
       i += used;
@@ -685,7 +775,12 @@ int utf8_validate(char const* text, size_t size, size_t* fault_offset) {
       i += ascii_run(text + i, size - i);
       continue;
     }
-    size_t length = 0;
+    unsigned int scalar;
+    size_t length = decode_common(text + i, size - i, &scalar);
+    if (length != 0) {
+      i += length;
+      continue;
+    }
     int status = check_sequence(bytes + i, size - i, &length);
     if (status != utf8_valid) {
       if (fault_offset != nullptr) *fault_offset = i;
