@@ -442,6 +442,57 @@ TEST(UnicodeDifferential, ValidatorAndRepairMatchTheRules) {
   }
 }
 
+// The vector walk takes 32 bytes at a time: every form at every offset across the first blocks,
+// in ASCII and in multi-byte surroundings, must give the status and offset of the rules.
+TEST(UnicodeDifferential, ValidatorAgreesAtEveryBlockOffset) {
+  char const* const forms[] = {"\xC3\xA9",
+                               "\xE2\x82\xAC",
+                               "\xF0\x9F\x98\x80",
+                               "\xF4\x90\x80\x80",
+                               "\xF8\x88\x80\x80\x80",
+                               "\xFC\x84\x80\x80\x80\x80",
+                               "\xC0\x80",
+                               "\xE0\x80\x80",
+                               "\xE0\x80\x20",
+                               "\xF0\x80\x80\x80",
+                               "\xED\xA0\x80",
+                               "\xEF\xBB\xBF",
+                               "\xEF\xBF\xBE",
+                               "\xEF\xBF\xBF",
+                               "\x80",
+                               "\xFE",
+                               "\xC3",
+                               "\xE2\x82",
+                               "\xF0\x9F\x98",
+                               "\xC3\x28",
+                               "\xF0\x9F\x28\x80",
+                               "\xF4\x8F\xBF\xBF",
+                               "\xF5\x80\x80\x80"};
+  Bytes const fillers[] = {Bytes(140, 'a'), [] {
+                             Bytes text;
+                             while (text.size() < 140)
+                               text +=
+                                   "\xD0\x96\xE4\xB8\xAD"
+                                   "b";
+                             return text;
+                           }()};
+  for (Bytes const& filler : fillers) {
+    for (char const* form : forms) {
+      for (size_t offset = 0; offset < 80; ++offset) {
+        Bytes text = filler.substr(0, offset) + form + filler.substr(offset, 60);
+        size_t expected_at = 0;
+        int expected = ref_status(text, &expected_at);
+        size_t at = 0;
+        int status = utf8_validate(text.data(), text.size(), &at);
+        ASSERT_EQ(status, expected) << ::testing::PrintToString(text);
+        if (expected != 0) {
+          ASSERT_EQ(at, expected_at) << ::testing::PrintToString(text);
+        }
+      }
+    }
+  }
+}
+
 // ---- The rules' own edge cases ---------------------------------------------------------------
 
 TEST(Utf8Validator, OrderOfTestsDecidesTheStatus) {

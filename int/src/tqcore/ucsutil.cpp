@@ -10,6 +10,7 @@
 #include <cwchar>
 
 #include "file_ids.h"
+#include "ucsutil_simd.h"
 
 namespace tqcore {
 namespace {
@@ -199,8 +200,8 @@ inline size_t decode_common(char const* text, size_t left, unsigned int* scalar)
     if (left < 4 || !is_continuation(p[1]) || !is_continuation(p[2]) || !is_continuation(p[3])) {
       return 0;
     }
-    unsigned int const s = ((b0 & 0x07u) << 18) | ((p[1] & 0x3Fu) << 12) |
-                           ((p[2] & 0x3Fu) << 6) | (p[3] & 0x3Fu);
+    unsigned int const s =
+        ((b0 & 0x07u) << 18) | ((p[1] & 0x3Fu) << 12) | ((p[2] & 0x3Fu) << 6) | (p[3] & 0x3Fu);
     if (s < 0x10000 || s >= 0x110000) return 0;
     *scalar = s;
     return 4;
@@ -770,7 +771,7 @@ size_t utf8_to_ucs4(char const* source, size_t source_size, unsigned int* destin
 
 int utf8_validate(char const* text, size_t size, size_t* fault_offset) {
   auto const* bytes = reinterpret_cast<unsigned char const*>(text);
-  for (size_t i = 0; i < size;) {
+  for (size_t i = impl::utf8_valid_prefix(text, size); i < size;) {
     if (bytes[i] < 0x80) {
       i += ascii_run(text + i, size - i);
       continue;

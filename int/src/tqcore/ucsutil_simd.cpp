@@ -1,0 +1,135 @@
+// Validation of UTF-8 by nibble lookups, 32 bytes at a time (Keiser and Lemire, "Validating
+// UTF-8 in less than one instruction per byte"). It checks standard UTF-8: at most four bytes,
+// at most U+10FFFF, no surrogates, no overlong forms. All such text is valid here too, except
+// U+FEFF, which is checked for beside it. Five- and six-byte forms and scalars beyond U+10FFFF
+// stop the vector walk and go to the scalar rules.
+#include <immintrin.h>
+
+#include <cstdint>
+
+#include "ucsutil_simd.h"
+
+namespace tqcore {
+namespace impl {
+namespace {
+
+constexpr uint8_t kTooShort = 1 << 0;
+constexpr uint8_t kTooLong = 1 << 1;
+constexpr uint8_t kOverlong3 = 1 << 2;
+constexpr uint8_t kTooLarge = 1 << 3;
+constexpr uint8_t kSurrogate = 1 << 4;
+constexpr uint8_t kOverlong2 = 1 << 5;
+constexpr uint8_t kTooLarge1000 = 1 << 6;
+constexpr uint8_t kOverlong4 = 1 << 6;
+constexpr uint8_t kTwoConts = 1 << 7;
+constexpr uint8_t kCarry = kTooShort | kTooLong | kTwoConts;
+
+#define TQCORE_TABLE(...) _mm256_setr_epi8(__VA_ARGS__, __VA_ARGS__)
+
+[[gnu::target("avx2")]] inline __m256i high_nibbles(__m256i v) {
+  return _mm256_and_si256(_mm256_srli_epi16(v, 4), _mm256_set1_epi8(0x0F));
+}
+
+// The bytes of `input` moved right by N, with the last N bytes of `previous` in front.
+template <int N>
+[[gnu::target("avx2")]] inline __m256i preceding(__m256i input, __m256i previous) {
+  return _mm256_alignr_epi8(input, _mm256_permute2x128_si256(previous, input, 0x21), 16 - N);
+}
+
+// Nonzero lanes mark a byte at which a standard UTF-8 rule or the U+FEFF rule breaks.
+[[gnu::target("avx2")]] inline __m256i block_errors(__m256i input, __m256i previous) {
+  __m256i const prev1 = preceding<1>(input, previous);
+  __m256i const byte_1_high = _mm256_shuffle_epi8(
+      TQCORE_TABLE(kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong,
+                   kTwoConts, kTwoConts, kTwoConts, kTwoConts, kTooShort | kOverlong2, kTooShort,
+                   kTooShort | kOverlong3 | kSurrogate,
+                   kTooShort | kTooLarge | kTooLarge1000 | kOverlong4),
+      high_nibbles(prev1));
+  constexpr uint8_t kLarge = kCarry | kTooLarge | kTooLarge1000;
+  __m256i const byte_1_low = _mm256_shuffle_epi8(
+      TQCORE_TABLE(kCarry | kOverlong3 | kOverlong2 | kOverlong4, kCarry | kOverlong2, kCarry,
+                   kCarry, kCarry | kTooLarge, kLarge, kLarge, kLarge, kLarge, kLarge, kLarge,
+                   kLarge, kLarge, kLarge | kSurrogate, kLarge, kLarge),
+      _mm256_and_si256(prev1, _mm256_set1_epi8(0x0F)));
+  constexpr uint8_t kCont = kTooLong | kOverlong2 | kTwoConts;
+  __m256i const byte_2_high = _mm256_shuffle_epi8(
+      TQCORE_TABLE(kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort,
+                   kTooShort, kCont | kOverlong3 | kTooLarge1000 | kOverlong4,
+                   kCont | kOverlong3 | kTooLarge, kCont | kSurrogate | kTooLarge,
+                   kCont | kSurrogate | kTooLarge, kTooShort, kTooShort, kTooShort, kTooShort),
+      high_nibbles(input));
+  __m256i const special = _mm256_and_si256(_mm256_and_si256(byte_1_high, byte_1_low), byte_2_high);
+  // Third and fourth bytes of a sequence are continuations that the lookups see as errors.
+  __m256i const prev2 = preceding<2>(input, previous);
+  __m256i const prev3 = preceding<3>(input, previous);
+  __m256i const third = _mm256_subs_epu8(prev2, _mm256_set1_epi8(static_cast<char>(0xE0 - 0x80)));
+  __m256i const fourth = _mm256_subs_epu8(prev3, _mm256_set1_epi8(static_cast<char>(0xF0 - 0x80)));
+  __m256i const must_continue =
+      _mm256_and_si256(_mm256_or_si256(third, fourth), _mm256_set1_epi8(static_cast<char>(0x80)));
+  __m256i const bom = _mm256_and_si256(
+      _mm256_and_si256(_mm256_cmpeq_epi8(prev2, _mm256_set1_epi8(static_cast<char>(0xEF))),
+                       _mm256_cmpeq_epi8(prev1, _mm256_set1_epi8(static_cast<char>(0xBB)))),
+      _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBF))));
+  return _mm256_or_si256(_mm256_xor_si256(must_continue, special), bom);
+}
+
+#undef TQCORE_TABLE
+
+// Nonzero where a sequence begun in the last three bytes needs bytes of the next block.
+[[gnu::target("avx2")]] inline bool ends_incomplete(__m256i input) {
+  __m256i const limits =
+      _mm256_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
+                       -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, static_cast<char>(0xF0 - 1),
+                       static_cast<char>(0xE0 - 1), static_cast<char>(0xC0 - 1));
+  return !_mm256_testz_si256(_mm256_subs_epu8(input, limits), _mm256_subs_epu8(input, limits));
+}
+
+// The last sequence that starts before `stop` and reaches past it, or `stop`.
+size_t sequence_start(unsigned char const* p, size_t stop) {
+  for (size_t back = 1; back <= 3 && back <= stop; ++back) {
+    unsigned char const b = p[stop - back];
+    if (b < 0x80) return stop;
+    if (b >= 0xC0) {
+      size_t const length = b < 0xE0 ? 2 : b < 0xF0 ? 3 : b < 0xF8 ? 4 : b < 0xFC ? 5 : 6;
+      return length > back ? stop - back : stop;
+    }
+  }
+  return stop;
+}
+
+[[gnu::target("avx2")]] size_t valid_prefix_avx2(unsigned char const* p, size_t size) {
+  __m256i previous = _mm256_setzero_si256();
+  bool incomplete = false;
+  size_t i = 0;
+  for (; i + 32 <= size; i += 32) {
+    __m256i const input = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
+    if (_mm256_movemask_epi8(input) == 0) {
+      if (incomplete) break;  // a sequence cut short by ASCII
+    } else {
+      __m256i const errors = block_errors(input, previous);
+      if (!_mm256_testz_si256(errors, errors)) break;
+      incomplete = ends_incomplete(input);
+    }
+    previous = input;
+  }
+  if (i + 32 <= size || (incomplete && i == size)) return sequence_start(p, i);
+  if (i == size) return size;
+  // The tail, padded with zero bytes: a sequence cut by the end of the text meets ASCII there.
+  alignas(32) unsigned char tail[32] = {};
+  __builtin_memcpy(tail, p + i, size - i);
+  __m256i const input = _mm256_load_si256(reinterpret_cast<__m256i const*>(tail));
+  __m256i const errors = block_errors(input, previous);
+  return _mm256_testz_si256(errors, errors) ? size : sequence_start(p, i);
+}
+
+bool const kHasAvx2 = __builtin_cpu_supports("avx2");
+
+}  // namespace
+
+size_t utf8_valid_prefix(char const* text, size_t size) noexcept {
+  if (!kHasAvx2 || size < 32) return 0;  // short texts are cheaper on the scalar walk
+  return valid_prefix_avx2(reinterpret_cast<unsigned char const*>(text), size);
+}
+
+}  // namespace impl
+}  // namespace tqcore
