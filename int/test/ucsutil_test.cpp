@@ -493,6 +493,39 @@ TEST(UnicodeDifferential, ValidatorAgreesAtEveryBlockOffset) {
   }
 }
 
+// Long valid text of every character length, converted into every destination size: a short
+// destination gets exactly the leading units and the call fails with ENOMEM.
+TEST(UnicodeDifferential, ShortDestinationsGetExactlyTheLeadingUnits) {
+  std::mt19937 random(15);
+  char const* const characters[] = {
+      "a", " ", "\xC3\xA9", "\xD0\x96", "\xE4\xB8\xAD", "\xEF\xBF\xBD", "\xF0\x9F\x98\x80"};
+  for (int round = 0; round < 300; ++round) {
+    Bytes text;
+    size_t const length = random() % 200;
+    bool const ascii_runs = round % 3 == 0;
+    while (text.size() < length) {
+      text += ascii_runs && random() % 2 ? Bytes(40, 'x') : characters[random() % 7];
+    }
+    U16 expected;
+    ref_utf8_to_utf16(text, '?', &expected);
+    ASSERT_EQ(utf8_to_utf16(text.data(), text.size(), nullptr, 0, '?', nullptr), expected.size());
+    for (size_t capacity = 0; capacity <= expected.size(); ++capacity) {
+      U16 out(capacity + 16, 0xAAAA);
+      errno = 0;
+      size_t result = utf8_to_utf16(text.data(), text.size(), out.data(), capacity, '?', nullptr);
+      if (capacity == expected.size()) {
+        ASSERT_EQ(result, expected.size());
+      } else {
+        ASSERT_EQ(result, 0u) << capacity;
+        ASSERT_EQ(errno, ENOMEM);
+      }
+      ASSERT_EQ(U16(out.begin(), out.begin() + capacity),
+                U16(expected.begin(), expected.begin() + capacity));
+      ASSERT_EQ(out[capacity], 0xAAAA) << "wrote beyond the capacity " << capacity;
+    }
+  }
+}
+
 // ---- The rules' own edge cases ---------------------------------------------------------------
 
 TEST(Utf8Validator, OrderOfTestsDecidesTheStatus) {

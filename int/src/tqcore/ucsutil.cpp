@@ -489,6 +489,7 @@ size_t to_utf8(typename Source::Unit const* source, size_t size, char* destinati
 
 struct Utf16Target {
   using Unit = unsigned short;
+  static constexpr bool kVectorPrefix = true;
   static size_t measure(unsigned int s) {
     if (s < 0xD800 || (s >= 0xE000 && s <= 0xFFFD && s != 0xFEFF)) return 1;
     return s >= 0x10000 && s < 0x110000 ? 2 : fail(EINVAL);
@@ -500,6 +501,7 @@ struct Utf16Target {
 
 struct WideTarget {
   using Unit = wchar_t;
+  static constexpr bool kVectorPrefix = false;
   static size_t measure(unsigned int s) { return ucs4_char_to_wide(s, nullptr, nullptr); }
   static size_t encode(unsigned int s, Unit* first, Unit* end) {
     return ucs4_char_to_wide(s, first, end);
@@ -513,7 +515,12 @@ template <class Target>
 size_t from_utf8_measure(char const* source, size_t size, typename Target::Unit replacement,
                          int* first_invalid) {
   size_t count = 0;
-  for (size_t i = 0; i < size;) {
+  size_t i = 0;
+  if constexpr (Target::kVectorPrefix) {
+    i = impl::utf8_valid_prefix(source, size, true);
+    count = impl::utf8_to_utf16_length_valid(source, i);
+  }
+  while (i < size) {
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       count += run;
@@ -553,7 +560,14 @@ size_t from_utf8_write(char const* source, size_t size, typename Target::Unit* d
                        size_t capacity, typename Target::Unit replacement, int* first_invalid) {
   using Unit = typename Target::Unit;
   size_t count = 0;
-  for (size_t i = 0; i < size;) {
+  size_t i = 0;
+  if constexpr (Target::kVectorPrefix) {
+    impl::ConversionProgress const done = impl::utf8_to_utf16_valid(
+        source, impl::utf8_valid_prefix(source, size, true), destination, capacity);
+    i = done.consumed;
+    count = done.written;
+  }
+  while (i < size) {
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       if (!store_run(source + i, run, destination, capacity, &count,

@@ -5,6 +5,7 @@
 // stop the vector walk and go to the scalar rules.
 #include <immintrin.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "ucsutil_simd.h"
@@ -36,8 +37,10 @@ template <int N>
   return _mm256_alignr_epi8(input, _mm256_permute2x128_si256(previous, input, 0x21), 16 - N);
 }
 
-// Nonzero lanes mark a byte at which a standard UTF-8 rule or the U+FEFF rule breaks.
-[[gnu::target("avx2")]] inline __m256i block_errors(__m256i input, __m256i previous) {
+// Nonzero lanes mark a byte at which a standard UTF-8 rule or the U+FEFF rule breaks; with
+// `for_conversion`, U+FFFE and U+FFFF as well.
+[[gnu::target("avx2")]] inline __m256i block_errors(__m256i input, __m256i previous,
+                                                    bool for_conversion) {
   __m256i const prev1 = preceding<1>(input, previous);
   __m256i const byte_1_high = _mm256_shuffle_epi8(
       TQCORE_TABLE(kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong,
@@ -66,11 +69,23 @@ template <int N>
   __m256i const fourth = _mm256_subs_epu8(prev3, _mm256_set1_epi8(static_cast<char>(0xF0 - 0x80)));
   __m256i const must_continue =
       _mm256_and_si256(_mm256_or_si256(third, fourth), _mm256_set1_epi8(static_cast<char>(0x80)));
-  __m256i const bom = _mm256_and_si256(
-      _mm256_and_si256(_mm256_cmpeq_epi8(prev2, _mm256_set1_epi8(static_cast<char>(0xEF))),
+  __m256i const lead_ef = _mm256_cmpeq_epi8(prev2, _mm256_set1_epi8(static_cast<char>(0xEF)));
+  __m256i const last_bf = _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBF)));
+  __m256i refused = _mm256_and_si256(
+      _mm256_and_si256(lead_ef,
                        _mm256_cmpeq_epi8(prev1, _mm256_set1_epi8(static_cast<char>(0xBB)))),
-      _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBF))));
-  return _mm256_or_si256(_mm256_xor_si256(must_continue, special), bom);
+      last_bf);
+  if (for_conversion) {
+    __m256i const last_be_or_bf = _mm256_or_si256(
+        last_bf, _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBE))));
+    refused = _mm256_or_si256(
+        refused,
+        _mm256_and_si256(
+            _mm256_and_si256(lead_ef,
+                             _mm256_cmpeq_epi8(prev1, _mm256_set1_epi8(static_cast<char>(0xBF)))),
+            last_be_or_bf));
+  }
+  return _mm256_or_si256(_mm256_xor_si256(must_continue, special), refused);
 }
 
 #undef TQCORE_TABLE
@@ -97,7 +112,8 @@ size_t sequence_start(unsigned char const* p, size_t stop) {
   return stop;
 }
 
-[[gnu::target("avx2")]] size_t valid_prefix_avx2(unsigned char const* p, size_t size) {
+[[gnu::target("avx2")]] size_t valid_prefix_avx2(unsigned char const* p, size_t size,
+                                                 bool for_conversion) {
   __m256i previous = _mm256_setzero_si256();
   bool incomplete = false;
   size_t i = 0;
@@ -106,7 +122,7 @@ size_t sequence_start(unsigned char const* p, size_t stop) {
     if (_mm256_movemask_epi8(input) == 0) {
       if (incomplete) break;  // a sequence cut short by ASCII
     } else {
-      __m256i const errors = block_errors(input, previous);
+      __m256i const errors = block_errors(input, previous, for_conversion);
       if (!_mm256_testz_si256(errors, errors)) break;
       incomplete = ends_incomplete(input);
     }
@@ -118,17 +134,167 @@ size_t sequence_start(unsigned char const* p, size_t stop) {
   alignas(32) unsigned char tail[32] = {};
   __builtin_memcpy(tail, p + i, size - i);
   __m256i const input = _mm256_load_si256(reinterpret_cast<__m256i const*>(tail));
-  __m256i const errors = block_errors(input, previous);
+  __m256i const errors = block_errors(input, previous, for_conversion);
   return _mm256_testz_si256(errors, errors) ? size : sequence_start(p, i);
 }
 
 bool const kHasAvx2 = __builtin_cpu_supports("avx2");
 
+// ---- UTF-8 to UTF-16 on valid text -----------------------------------------------------------
+
+// For each set of lead lanes among eight 16-bit lanes, the shuffle that packs those lanes to
+// the front, in order.
+struct CompactTable {
+  alignas(16) uint8_t patterns[256][16];
+  CompactTable() {
+    for (int mask = 0; mask < 256; ++mask) {
+      int out = 0;
+      for (int lane = 0; lane < 8; ++lane) {
+        if ((mask & (1 << lane)) == 0) continue;
+        patterns[mask][2 * out] = static_cast<uint8_t>(2 * lane);
+        patterns[mask][2 * out + 1] = static_cast<uint8_t>(2 * lane + 1);
+        ++out;
+      }
+      for (; out < 8; ++out) patterns[mask][2 * out] = patterns[mask][2 * out + 1] = 0x80;
+    }
+  }
+};
+
+CompactTable const kCompact;
+
+// One character of valid text, written as one or two units.
+inline size_t decode_valid(unsigned char const* p, unsigned int* scalar) {
+  unsigned int const b0 = p[0];
+  if (b0 < 0x80) return *scalar = b0, 1;
+  if (b0 < 0xE0) return *scalar = ((b0 & 0x1Fu) << 6) | (p[1] & 0x3Fu), 2;
+  if (b0 < 0xF0) {
+    *scalar = ((b0 & 0x0Fu) << 12) | ((p[1] & 0x3Fu) << 6) | (p[2] & 0x3Fu);
+    return 3;
+  }
+  *scalar = ((b0 & 0x07u) << 18) | ((p[1] & 0x3Fu) << 12) | ((p[2] & 0x3Fu) << 6) | (p[3] & 0x3Fu);
+  return 4;
+}
+
+// The characters that begin in the first sixteen bytes at `p` (none of them a four-byte
+// form), as UTF-16 packed to the front of `out`; returns how many were written, and sets
+// `*next` to the offset of the first character that begins at 16 or later. Reads 34 bytes.
+[[gnu::target("avx2")]] inline size_t sixteen_lanes(unsigned char const* p, unsigned short* out,
+                                                    size_t* next) {
+  __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p));
+  unsigned const continuation = static_cast<unsigned>(
+      _mm256_movemask_epi8(_mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(0xC0)), block)) &
+      _mm256_movemask_epi8(block));
+  unsigned const leads = ~continuation;
+  __m256i const b0 = _mm256_cvtepu8_epi16(_mm256_castsi256_si128(block));
+  __m256i const b1 = _mm256_and_si256(
+      _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 1))),
+      _mm256_set1_epi16(0x3F));
+  __m256i const b2 = _mm256_and_si256(
+      _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 2))),
+      _mm256_set1_epi16(0x3F));
+  __m256i const two =
+      _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(b0, _mm256_set1_epi16(0x1F)), 6), b1);
+  __m256i const three =
+      _mm256_or_si256(_mm256_or_si256(_mm256_slli_epi16(b0, 12), _mm256_slli_epi16(b1, 6)), b2);
+  __m256i units = _mm256_blendv_epi8(b0, two, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xBF)));
+  units = _mm256_blendv_epi8(units, three, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xDF)));
+  unsigned const low = leads & 0xFF;
+  unsigned const high = (leads >> 8) & 0xFF;
+  __m128i const packed_low =
+      _mm_shuffle_epi8(_mm256_castsi256_si128(units),
+                       _mm_load_si128(reinterpret_cast<__m128i const*>(kCompact.patterns[low])));
+  __m128i const packed_high =
+      _mm_shuffle_epi8(_mm256_extracti128_si256(units, 1),
+                       _mm_load_si128(reinterpret_cast<__m128i const*>(kCompact.patterns[high])));
+  size_t const written_low = static_cast<size_t>(__builtin_popcount(low));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), packed_low);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + written_low), packed_high);
+  *next = static_cast<size_t>(__builtin_ctz(leads >> 16)) + 16;
+  return written_low + static_cast<size_t>(__builtin_popcount(high));
+}
+
+// A byte from 0xF0 among the first sixteen at `p`.
+[[gnu::target("avx2")]] inline bool has_four_byte_lead(unsigned char const* p) {
+  __m128i const bytes = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
+  __m128i const below = _mm_cmpeq_epi8(_mm_subs_epu8(bytes, _mm_set1_epi8(static_cast<char>(0xEF))),
+                                       _mm_setzero_si128());
+  return _mm_movemask_epi8(below) != 0xFFFF;
+}
+
+[[gnu::target("avx2")]] ConversionProgress to_utf16_avx2(unsigned char const* p, size_t size,
+                                                         unsigned short* out, size_t capacity) {
+  size_t i = 0;
+  size_t o = 0;
+  while (i < size) {
+    if (p[i] < 0x80 && i + 32 <= size && o + 32 <= capacity) {
+      __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
+      if (_mm256_movemask_epi8(block) == 0) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + o),
+                            _mm256_cvtepu8_epi16(_mm256_castsi256_si128(block)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + o + 16),
+                            _mm256_cvtepu8_epi16(_mm256_extracti128_si256(block, 1)));
+        i += 32;
+        o += 32;
+        continue;
+      }
+    }
+    if (i + 34 <= size && o + 16 <= capacity && !has_four_byte_lead(p + i)) {
+      size_t next = 0;
+      o += sixteen_lanes(p + i, out + o, &next);
+      i += next;
+      continue;
+    }
+    unsigned int scalar = 0;
+    size_t const length = decode_valid(p + i, &scalar);
+    size_t const units = scalar < 0x10000 ? 1 : 2;
+    if (o + units > capacity) break;
+    if (units == 1) {
+      out[o] = static_cast<unsigned short>(scalar);
+    } else {
+      out[o] = static_cast<unsigned short>((scalar >> 10) + 0xD7C0);
+      out[o + 1] = static_cast<unsigned short>((scalar & 0x3FF) | 0xDC00);
+    }
+    i += length;
+    o += units;
+  }
+  return ConversionProgress{i, o};
+}
+
+// Every byte that is no continuation begins one unit; a four-byte form needs a second.
+[[gnu::target("avx2")]] size_t utf16_length_avx2(unsigned char const* p, size_t size) {
+  size_t count = 0;
+  size_t i = 0;
+  for (; i + 32 <= size; i += 32) {
+    __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
+    unsigned const continuation = static_cast<unsigned>(
+        _mm256_movemask_epi8(_mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(0xC0)), block)) &
+        _mm256_movemask_epi8(block));
+    unsigned const four = static_cast<unsigned>(_mm256_movemask_epi8(
+        _mm256_cmpeq_epi8(_mm256_subs_epu8(block, _mm256_set1_epi8(static_cast<char>(0xEF))),
+                          _mm256_setzero_si256())));
+    count += 32 - static_cast<size_t>(__builtin_popcount(continuation)) +
+             (32 - static_cast<size_t>(__builtin_popcount(four)));
+  }
+  for (; i < size; ++i) count += (p[i] & 0xC0) != 0x80 ? (p[i] >= 0xF0 ? 2 : 1) : 0;
+  return count;
+}
+
 }  // namespace
 
-size_t utf8_valid_prefix(char const* text, size_t size) noexcept {
+ConversionProgress utf8_to_utf16_valid(char const* text, size_t size, unsigned short* out,
+                                       size_t capacity) noexcept {
+  if (!kHasAvx2) return ConversionProgress{0, 0};
+  return to_utf16_avx2(reinterpret_cast<unsigned char const*>(text), size, out, capacity);
+}
+
+size_t utf8_to_utf16_length_valid(char const* text, size_t size) noexcept {
+  if (!kHasAvx2) return 0;
+  return utf16_length_avx2(reinterpret_cast<unsigned char const*>(text), size);
+}
+
+size_t utf8_valid_prefix(char const* text, size_t size, bool for_conversion) noexcept {
   if (!kHasAvx2 || size < 32) return 0;  // short texts are cheaper on the scalar walk
-  return valid_prefix_avx2(reinterpret_cast<unsigned char const*>(text), size);
+  return valid_prefix_avx2(reinterpret_cast<unsigned char const*>(text), size, for_conversion);
 }
 
 }  // namespace impl

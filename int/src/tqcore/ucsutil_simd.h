@@ -8,8 +8,23 @@ namespace tqcore {
 namespace impl {
 
 // The length of a prefix of `text` that is valid UTF-8 by the library's rules and ends where a
-// sequence begins; 0 where the processor has no AVX2.
-size_t utf8_valid_prefix(char const* text, size_t size) noexcept;
+// sequence begins; 0 where the processor has no AVX2. With `for_conversion` the prefix also
+// holds no U+FFFE or U+FFFF, which the validator lets pass and the conversions refuse.
+size_t utf8_valid_prefix(char const* text, size_t size, bool for_conversion = false) noexcept;
+
+// How far a vector conversion got: source units consumed, destination units written.
+struct ConversionProgress {
+  size_t consumed;
+  size_t written;
+};
+
+// Converts a prefix of `text`, which must be valid UTF-8 as utf8_valid_prefix vouches, to
+// UTF-16 while the destination has room; stops where a sequence begins. Writes nothing beyond
+// `capacity`. Does nothing where the processor has no AVX2.
+ConversionProgress utf8_to_utf16_valid(char const* text, size_t size, unsigned short* out,
+                                       size_t capacity) noexcept;
+// The UTF-16 length of valid UTF-8 text, as above.
+size_t utf8_to_utf16_length_valid(char const* text, size_t size) noexcept;
 
 }  // namespace impl
 }  // namespace tqcore
