@@ -135,6 +135,40 @@ TEST(FromException, TheMostDerivedRecognisedClassDecides) {
             "tqcore::(anonymous namespace)::PlainException");
 }
 
+// A class derived from each recognised one keeps its base's code.
+template <class Base>
+struct Derived : Base {
+  using Base::Base;
+};
+
+template <class E, class... Args>
+std::string derived_code(Args... args) {
+  return translated(Derived<E>(args...))->code().value().as_string();
+}
+
+TEST(FromException, DerivedClassesKeepTheirBasesCode) {
+  EXPECT_EQ(derived_code<std::bad_alloc>(), "error.exception.bad_alloc");
+  EXPECT_EQ(derived_code<std::bad_cast>(), "error.exception.bad_cast");
+  EXPECT_EQ(derived_code<std::domain_error>("d"), "error.exception.logic_error.domain_error");
+  EXPECT_EQ(derived_code<std::invalid_argument>("i"),
+            "error.exception.logic_error.invalid_argument");
+  EXPECT_EQ(derived_code<std::length_error>("l"), "error.exception.logic_error.length_error");
+  EXPECT_EQ(derived_code<std::logic_error>("l"), "error.exception.logic_error");
+  EXPECT_EQ(derived_code<std::range_error>("r"), "error.exception.runtime_error.range_error");
+  EXPECT_EQ(derived_code<std::overflow_error>("o"), "error.exception.runtime_error.overflow_error");
+  EXPECT_EQ(derived_code<std::underflow_error>("u"),
+            "error.exception.runtime_error.underflow_error");
+  EXPECT_EQ(derived_code<std::runtime_error>("r"), "error.exception.runtime_error");
+  EXPECT_EQ(derived_code<WeakRefPromoteException>(), "error.exception.weakRefPromoteException");
+  EXPECT_TRUE(translated(std::invalid_argument("x"))->matches("error.exception.logic_error"));
+  // A SourceString length error is a runtime_error.
+  try {
+    SourceString("x", static_cast<size_t>(1) << 63);
+  } catch (std::exception const& e) {
+    EXPECT_EQ(translated(e)->code(), "error.exception.runtime_error");
+  }
+}
+
 TEST(FromException, ErrorExceptionGivesBackItsOwnRecord) {
   ErrorInfo::Ptr record = ErrorInfo::create(error::tqcore, "carried", kHere);
   EXPECT_EQ(translated(ErrorException(record)), record);
