@@ -526,6 +526,74 @@ TEST(UnicodeDifferential, ShortDestinationsGetExactlyTheLeadingUnits) {
   }
 }
 
+// The rules' writer for UTF-16 into `capacity` bytes: a two-byte form leaves its lead byte in
+// a destination one byte short; longer forms write nothing unless they fit.
+Outcome ref_utf16_to_utf8_into(U16 const& t, char repl, size_t capacity, Bytes* out) {
+  Bytes all;
+  Outcome full = ref_utf16_to_utf8(t, repl, &all, false);
+  if (all.size() <= capacity) return *out = all, full;
+  // Replay character by character to find what a short destination holds.
+  Outcome o;
+  o.first_invalid = full.first_invalid;
+  for (size_t i = 0; i < t.size();) {
+    U16 one(t.begin() + static_cast<long>(i),
+            t.begin() + static_cast<long>(std::min(t.size(), i + 2)));
+    Bytes piece;
+    ref_utf16_to_utf8(U16(one.begin(), one.begin() + 1), repl, &piece, false);
+    size_t used = 1;
+    unsigned u = t[i];
+    if (u >= 0xD800 && u <= 0xDBFF && one.size() == 2) {
+      Bytes pair;
+      ref_utf16_to_utf8(one, repl, &pair, false);
+      if (pair.size() == 4 || pair.size() == 1) piece = pair, used = 2;  // a pair, or a broken pair
+    }
+    size_t room = capacity - out->size();
+    if (piece.size() > room) {
+      if (piece.size() == 2 && room == 1) out->push_back(piece[0]);
+      o.result = 0;
+      return o;
+    }
+    *out += piece;
+    i += used;
+  }
+  return o;
+}
+
+TEST(UnicodeDifferential, Utf16ToUtf8InEveryDestinationSize) {
+  std::mt19937 random(16);
+  unsigned short const common[] = {'a',    ' ',    0xE9,   0x416, 0x3B1,
+                                   0x4E2D, 0x65E5, 0xFFFD, 0x7FF, 0x800};
+  for (int round = 0; round < 300; ++round) {
+    U16 text(random() % 120);
+    for (unsigned short& u : text) u = common[random() % 10];
+    for (int k = 0; k < 3 && !text.empty(); ++k) {  // a few pairs and a few bad units
+      size_t at = random() % text.size();
+      unsigned short const odd[] = {0xD83D, 0xDE00, 0xFEFF, 0xFFFF};
+      if (random() % 2 && at + 1 < text.size()) {
+        text[at] = 0xD83D, text[at + 1] = 0xDE00;
+      } else if (round % 4 == 0) {
+        text[at] = odd[random() % 4];
+      }
+    }
+    for (char repl : {'?', '\0'}) {
+      Outcome measured = run_library(
+          [&](int* fi) { return utf16_to_utf8(text.data(), text.size(), nullptr, 0, repl, fi); });
+      ASSERT_EQ(measured, ref_utf16_to_utf8(text, repl, nullptr, true));
+      if (repl == 0) continue;
+      for (size_t capacity = 0; capacity <= measured.result; ++capacity) {
+        Bytes out(capacity + 40, '#');
+        Bytes expected;
+        Outcome reference = ref_utf16_to_utf8_into(text, repl, capacity, &expected);
+        size_t result =
+            utf16_to_utf8(text.data(), text.size(), out.data(), capacity, repl, nullptr);
+        ASSERT_EQ(result, reference.result) << capacity;
+        ASSERT_EQ(out.substr(0, expected.size()), expected) << capacity;
+        ASSERT_EQ(out[capacity], '#') << "wrote beyond the capacity " << capacity;
+      }
+    }
+  }
+}
+
 // ---- The rules' own edge cases ---------------------------------------------------------------
 
 TEST(Utf8Validator, OrderOfTestsDecidesTheStatus) {

@@ -366,6 +366,7 @@ size_t ucs4_char_to_wide(unsigned int s, wchar_t* first, wchar_t* end) noexcept 
 
 struct Utf16Source {
   using Unit = unsigned short;
+  static constexpr bool kVectorPrefix = true;
   static size_t decode(Unit const* text, size_t size, unsigned int* out) {
     return utf16_to_ucs4_char(text, size, out);
   }
@@ -390,6 +391,7 @@ struct Utf16Source {
 
 struct WideSource {
   using Unit = wchar_t;
+  static constexpr bool kVectorPrefix = false;
   static size_t decode(Unit const* text, size_t size, unsigned int* out) {
     return wide_to_ucs4_char(text, size, out);
   }
@@ -411,7 +413,11 @@ template <class Source>
 size_t to_utf8_measure(typename Source::Unit const* source, size_t size, char replacement,
                        int* first_invalid) {
   size_t count = 0;
-  for (size_t i = 0; i < size;) {
+  size_t i = 0;
+  if constexpr (Source::kVectorPrefix) {
+    count = impl::utf16_to_utf8_length_valid(source, size, &i);
+  }
+  while (i < size) {
     if (static_cast<unsigned int>(source[i]) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       count += run;
@@ -441,7 +447,14 @@ size_t to_utf8_write(typename Source::Unit const* source, size_t size, char* des
                      size_t capacity, char replacement, int* first_invalid) {
   using Unit = typename Source::Unit;
   size_t count = 0;
-  for (size_t i = 0; i < size;) {
+  size_t i = 0;
+  if constexpr (Source::kVectorPrefix) {
+    impl::ConversionProgress const done =
+        impl::utf16_to_utf8_valid(source, size, destination, capacity);
+    i = done.consumed;
+    count = done.written;
+  }
+  while (i < size) {
     if (static_cast<unsigned int>(source[i]) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       if (!store_run(source + i, run, destination, capacity, &count,

@@ -23,6 +23,14 @@ struct ConversionProgress {
 // `capacity`. Does nothing where the processor has no AVX2.
 ConversionProgress utf8_to_utf16_valid(char const* text, size_t size, unsigned short* out,
                                        size_t capacity) noexcept;
+// Converts UTF-16 to UTF-8 while the units are well formed and accepted by the conversions
+// and the destination has room; stops before the first unit it cannot vouch for.
+ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
+                                       size_t capacity) noexcept;
+// The UTF-8 length of the longest such prefix of `text`, with `*consumed` its unit count.
+size_t utf16_to_utf8_length_valid(unsigned short const* text, size_t size,
+                                  size_t* consumed) noexcept;
+
 // The UTF-16 length of valid UTF-8 text, as above.
 size_t utf8_to_utf16_length_valid(char const* text, size_t size) noexcept;
 
