@@ -179,12 +179,12 @@ inline size_t decode_valid(unsigned char const* p, unsigned int* scalar) {
 // form), as UTF-16 packed to the front of `out`; returns how many were written, and sets
 // `*next` to the offset of the first character that begins at 16 or later. Reads 34 bytes.
 [[gnu::target("avx2")]] inline size_t sixteen_lanes(unsigned char const* p, unsigned short* out,
-                                                    size_t* next) {
+                                                    size_t* next, unsigned lane_limit = 16) {
   __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p));
   unsigned const continuation = static_cast<unsigned>(
       _mm256_movemask_epi8(_mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(0xC0)), block)) &
       _mm256_movemask_epi8(block));
-  unsigned const leads = ~continuation;
+  unsigned const leads = ~continuation & (lane_limit == 16 ? ~0u : (1u << lane_limit) - 1);
   __m256i const b0 = _mm256_cvtepu8_epi16(_mm256_castsi256_si128(block));
   __m256i const b1 = _mm256_and_si256(
       _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 1))),
@@ -209,16 +209,17 @@ inline size_t decode_valid(unsigned char const* p, unsigned int* scalar) {
   size_t const written_low = static_cast<size_t>(__builtin_popcount(low));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(out), packed_low);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(out + written_low), packed_high);
-  *next = static_cast<size_t>(__builtin_ctz(leads >> 16)) + 16;
+  *next =
+      lane_limit < 16 ? lane_limit : static_cast<size_t>(__builtin_ctz(~continuation >> 16)) + 16;
   return written_low + static_cast<size_t>(__builtin_popcount(high));
 }
 
-// A byte from 0xF0 among the first sixteen at `p`.
-[[gnu::target("avx2")]] inline bool has_four_byte_lead(unsigned char const* p) {
+// The bytes from 0xF0 among the first sixteen at `p`, one bit each.
+[[gnu::target("avx2")]] inline unsigned four_byte_leads(unsigned char const* p) {
   __m128i const bytes = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p));
   __m128i const below = _mm_cmpeq_epi8(_mm_subs_epu8(bytes, _mm_set1_epi8(static_cast<char>(0xEF))),
                                        _mm_setzero_si128());
-  return _mm_movemask_epi8(below) != 0xFFFF;
+  return ~static_cast<unsigned>(_mm_movemask_epi8(below)) & 0xFFFF;
 }
 
 [[gnu::target("avx2")]] ConversionProgress to_utf16_avx2(unsigned char const* p, size_t size,
@@ -238,11 +239,16 @@ inline size_t decode_valid(unsigned char const* p, unsigned int* scalar) {
         continue;
       }
     }
-    if (i + 34 <= size && o + 16 <= capacity && !has_four_byte_lead(p + i)) {
-      size_t next = 0;
-      o += sixteen_lanes(p + i, out + o, &next);
-      i += next;
-      continue;
+    if (i + 34 <= size && o + 16 <= capacity) {
+      // Up to the first four-byte form, which the scalar step below takes.
+      unsigned const four = four_byte_leads(p + i);
+      unsigned const limit = four == 0 ? 16 : static_cast<unsigned>(__builtin_ctz(four));
+      if (limit > 0) {
+        size_t next = 0;
+        o += sixteen_lanes(p + i, out + o, &next, limit);
+        i += next;
+        continue;
+      }
     }
     unsigned int scalar = 0;
     size_t const length = decode_valid(p + i, &scalar);
@@ -301,21 +307,25 @@ struct ExpandTable {
 
 ExpandTable const kExpand;
 
-// True for units that need the scalar rules: surrogates, U+FEFF, U+FFFE and U+FFFF.
-[[gnu::target("avx2")]] inline bool has_special_unit(__m128i units) {
+// One bit per byte for units that need the scalar rules: surrogates, U+FEFF, U+FFFE, U+FFFF.
+[[gnu::target("avx2")]] inline unsigned special_units(__m128i units) {
   __m128i const surrogate =
       _mm_cmpeq_epi16(_mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800))),
                       _mm_set1_epi16(static_cast<short>(0xD800)));
   __m128i const high_end =
       _mm_cmpeq_epi16(_mm_max_epu16(units, _mm_set1_epi16(static_cast<short>(0xFFFE))), units);
   __m128i const bom = _mm_cmpeq_epi16(units, _mm_set1_epi16(static_cast<short>(0xFEFF)));
-  return !_mm_testz_si128(_mm_or_si128(_mm_or_si128(surrogate, high_end), bom),
-                          _mm_set1_epi8(static_cast<char>(0xFF)));
+  return static_cast<unsigned>(
+      _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(surrogate, high_end), bom)));
 }
 
-// Eight units below U+10000, none special, as UTF-8; returns the bytes written (at most 24,
-// and 32 are stored).
-[[gnu::target("avx2")]] inline size_t eight_units(__m128i units, char* out) {
+[[gnu::target("avx2")]] inline bool has_special_unit(__m128i units) {
+  return special_units(units) != 0;
+}
+
+// The first `lanes` of eight units below U+10000, none special, as UTF-8; returns the bytes
+// written (at most 24, and 32 are stored).
+[[gnu::target("avx2")]] inline size_t eight_units(__m128i units, char* out, unsigned lanes = 8) {
   __m256i const c = _mm256_cvtepu16_epi32(units);
   __m256i const one = c;
   __m256i const two =
@@ -338,8 +348,10 @@ ExpandTable const kExpand;
       static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(at_least_two)));
   unsigned const threes =
       static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(three_bytes)));
-  unsigned const key_low = 0x55u + kSpread[twos & 0xF] + kSpread[threes & 0xF];
-  unsigned const key_high = 0x55u + kSpread[twos >> 4] + kSpread[threes >> 4];
+  // Lanes past the limit get the length 0.
+  unsigned const kept = lanes >= 8 ? 0xFFFFu : (1u << (2 * lanes)) - 1;
+  unsigned const key_low = (0x55u + kSpread[twos & 0xF] + kSpread[threes & 0xF]) & kept;
+  unsigned const key_high = (0x55u + kSpread[twos >> 4] + kSpread[threes >> 4]) & (kept >> 8);
   __m128i const low =
       _mm_shuffle_epi8(_mm256_castsi256_si128(bytes),
                        _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key_low])));
@@ -401,10 +413,13 @@ inline size_t scalar_unit(unsigned short const* p, size_t left, char* out, size_
       }
     }
     if (i + 8 <= size && o + 32 <= capacity) {
+      // Up to the first special unit, which the scalar step below takes.
       __m128i const units = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
-      if (!has_special_unit(units)) {
-        o += eight_units(units, out + o);
-        i += 8;
+      unsigned const special = special_units(units);
+      unsigned const lanes = special == 0 ? 8 : static_cast<unsigned>(__builtin_ctz(special)) / 2;
+      if (lanes > 0) {
+        o += eight_units(units, out + o, lanes);
+        i += lanes;
         continue;
       }
     }
