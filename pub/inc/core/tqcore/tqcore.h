@@ -13,5 +13,6 @@
 #include <tqcore/static_instance.h>
 #include <tqcore/string_util.h>
 #include <tqcore/tqcore_export.h>
+#include <tqcore/transforms.h>
 #include <tqcore/ucsutil.h>
 #include <tqcore/version.h>
