@@ -78,7 +78,17 @@ TEST(Transforms, RoundTripEveryLengthAndLargeData) {
     std::string url = b64;
     for (char& c : url) c = c == '+' ? '-' : c == '/' ? '_' : c;
     ASSERT_EQ(base64_decode(url), data) << n;
-    ASSERT_EQ(base32_decode(base32_encode(data)), data) << n;
+    std::string const b32 = base32_encode(data);
+    std::string b32_template;
+    base32_encode(data.begin(), data.end(), std::back_inserter(b32_template));
+    ASSERT_EQ(b32, b32_template) << n;
+    ASSERT_EQ(base32_decode(b32), data) << n;
+    std::string lower = b32;
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    ASSERT_EQ(base32_decode(lower), data) << n;
+    std::string hex_template;
+    hex_encode(data.begin(), data.end(), std::back_inserter(hex_template));
+    ASSERT_EQ(hex_encode(data), hex_template) << n;
     ASSERT_EQ(base32_decode(base32_encode(data, ETransformPadding::unpadded)), data) << n;
     std::string hex = hex_encode(data);
     ASSERT_EQ(hex_decode(hex), data) << n;
@@ -116,6 +126,13 @@ INSTANTIATE_TEST_SUITE_P(
                                 "error.tqcore.transforms.base64.invalid"}));
 
 TEST(Base32Malformed, EachFaultHasItsCode) {
+  // Characters that fold onto letters, in a text long enough for the vector blocks.
+  for (char bad : {'@', '[', '`', '{', '1', '8', '\x80'}) {
+    std::string text(64, 'A');
+    text[20] = bad;
+    EXPECT_EQ(raised_code([&] { base32_decode(text); }), "error.tqcore.transforms.base32.invalid")
+        << bad;
+  }
   EXPECT_EQ(raised_code([] { base32_decode("MZXW1==="); }),
             "error.tqcore.transforms.base32.invalid");
   EXPECT_EQ(raised_code([] { base32_decode("MZX"); }), "error.tqcore.transforms.base32.truncated");

@@ -209,6 +209,66 @@ bool const kHasAvx2 = __builtin_cpu_supports("avx2");
   return true;
 }
 
+// Two five-byte groups (at `in` and `in` + 5) as sixteen five-bit values in 16-bit lanes:
+// character k of a group is a 16-bit big-endian window of the group shifted right.
+[[gnu::target("avx2")]] inline __m256i base32_fields(unsigned char const* in) {
+  __m256i const bytes = _mm256_inserti128_si256(
+      _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<__m128i const*>(in))),
+      _mm_loadu_si128(reinterpret_cast<__m128i const*>(in + 5)), 1);
+  __m256i const windows =
+      _mm256_shuffle_epi8(bytes, _mm256_setr_epi8(1, 0, 1, 0, 2, 1, 2, 1, 3, 2, 4, 3, 4, 3, 5, 4, 1,
+                                                  0, 1, 0, 2, 1, 2, 1, 3, 2, 4, 3, 4, 3, 5, 4));
+  // Right shifts of 11, 6, 9, 4, 7, 10, 5, 8 as the high halves of products.
+  __m256i const shifted = _mm256_mulhi_epu16(
+      windows,
+      _mm256_setr_epi16(1 << 5, 1 << 10, 1 << 7, 1 << 12, 1 << 9, 1 << 6, 1 << 11, 1 << 8, 1 << 5,
+                        1 << 10, 1 << 7, 1 << 12, 1 << 9, 1 << 6, 1 << 11, 1 << 8));
+  return _mm256_and_si256(shifted, _mm256_set1_epi16(31));
+}
+
+// 20 bytes to 32 base-32 characters. Reads 32 bytes.
+[[gnu::target("avx2")]] inline void encode_block32(unsigned char const* in, char* out) {
+  __m256i const first = base32_fields(in);        // groups 0 and 1
+  __m256i const second = base32_fields(in + 10);  // groups 2 and 3
+  __m256i values = _mm256_permute4x64_epi64(_mm256_packus_epi16(first, second), 0xD8);
+  // 'A' + v below 26, '2' + (v - 26) from there.
+  __m256i const digits = _mm256_cmpgt_epi8(values, _mm256_set1_epi8(25));
+  values = _mm256_add_epi8(values, _mm256_set1_epi8('A'));
+  values = _mm256_sub_epi8(values, _mm256_and_si256(digits, _mm256_set1_epi8('A' - '2' + 26)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), values);
+}
+
+// 32 base-32 characters (either case) to 20 bytes, stored as 26; false, with nothing stored,
+// for any other character.
+[[gnu::target("avx2")]] inline bool decode_block32(char const* in, unsigned char* out) {
+  __m256i const text = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(in));
+  __m256i const letter =
+      _mm256_sub_epi8(_mm256_or_si256(text, _mm256_set1_epi8(0x20)), _mm256_set1_epi8('a'));
+  __m256i const digit = _mm256_sub_epi8(text, _mm256_set1_epi8('2'));
+  // Unsigned "below": the minimum with the bound equals the value.
+  __m256i const is_letter =
+      _mm256_cmpeq_epi8(_mm256_min_epu8(letter, _mm256_set1_epi8(25)), letter);
+  __m256i const is_digit = _mm256_cmpeq_epi8(_mm256_min_epu8(digit, _mm256_set1_epi8(5)), digit);
+  // Folding maps some punctuation onto letters; only the true letters count.
+  __m256i const alpha = _mm256_cmpgt_epi8(text, _mm256_set1_epi8('@'));
+  __m256i const valid = _mm256_or_si256(_mm256_and_si256(is_letter, alpha), is_digit);
+  if (static_cast<unsigned>(_mm256_movemask_epi8(valid)) != 0xFFFFFFFFu) return false;
+  __m256i const values =
+      _mm256_blendv_epi8(letter, _mm256_add_epi8(digit, _mm256_set1_epi8(26)), is_digit);
+  // Pairs to 10 bits, pairs of those to 20, two 20-bit halves to one 40-bit group a lane.
+  __m256i const pairs = _mm256_maddubs_epi16(values, _mm256_set1_epi16(0x0120));
+  __m256i const quads = _mm256_madd_epi16(pairs, _mm256_set1_epi32(0x00010400));
+  __m256i const groups =
+      _mm256_or_si256(_mm256_slli_epi64(_mm256_and_si256(quads, _mm256_set1_epi64x(0xFFFFF)), 20),
+                      _mm256_srli_epi64(quads, 32));
+  __m256i const ordered = _mm256_shuffle_epi8(
+      groups, _mm256_setr_epi8(4, 3, 2, 1, 0, 12, 11, 10, 9, 8, -1, -1, -1, -1, -1, -1, 4, 3, 2, 1,
+                               0, 12, 11, 10, 9, 8, -1, -1, -1, -1, -1, -1));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(ordered));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 10), _mm256_extracti128_si256(ordered, 1));
+  return true;
+}
+
 }  // namespace
 
 std::string base64_encode(void const* data, size_t size, ETransformPadding padding) {
@@ -249,15 +309,27 @@ std::vector<uint8_t> base64_decode(std::string_view text) {
 std::string base32_encode(void const* data, size_t size, ETransformPadding padding) {
   auto const* bytes = static_cast<unsigned char const*>(data);
   std::string text((size + 4) / 5 * 8, '\0');
-  char* end = base32_encode(bytes, bytes + size, text.data(), padding);
+  size_t i = 0;
+  size_t o = 0;
+  if (kHasAvx2) {
+    for (; i + 32 <= size; i += 20, o += 32) encode_block32(bytes + i, text.data() + o);
+  }
+  char* end = base32_encode(bytes + i, bytes + size, text.data() + o, padding);
   text.resize(static_cast<size_t>(end - text.data()));
   return text;
 }
 
 std::vector<uint8_t> base32_decode(std::string_view text) {
-  std::vector<uint8_t> bytes(text.size() / 8 * 5 + 5);
+  std::vector<uint8_t> bytes(text.size() / 8 * 5 + 5 + 16);
+  size_t i = 0;
+  size_t o = 0;
+  if (kHasAvx2) {
+    for (; i + 32 <= text.size() && decode_block32(text.data() + i, bytes.data() + o);
+         i += 32, o += 20) {
+    }
+  }
   auto* start = reinterpret_cast<char*>(bytes.data());
-  char* end = base32_decode(text.begin(), text.end(), start);
+  char* end = base32_decode(text.begin() + static_cast<long>(i), text.end(), start + o);
   bytes.resize(static_cast<size_t>(end - start));
   return bytes;
 }

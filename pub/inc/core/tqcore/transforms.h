@@ -12,8 +12,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace tqcore {
@@ -52,22 +54,50 @@ class TQCORE_EXPORT TransformHelperHex {
   static unsigned char nibble_from_charval(int c);
 };
 
-// Base-32 characters to five-bit values, in either case; 255 for anything else.
-inline unsigned char base32_value(int c) {
-  if (c >= 'A' && c <= 'Z') return static_cast<unsigned char>(c - 'A');
-  if (c >= 'a' && c <= 'z') return static_cast<unsigned char>(c - 'a');
-  if (c >= '2' && c <= '7') return static_cast<unsigned char>(c - '2' + 26);
-  return 255;
-}
+// Base-32 characters to five-bit values, in either case; 255 for anything else. A table, as
+// random text would mispredict a chain of range tests.
+struct Base32Values {
+  unsigned char values[256];
+  constexpr Base32Values() : values() {
+    for (int c = 0; c < 256; ++c) {
+      values[c] = c >= 'A' && c <= 'Z'   ? static_cast<unsigned char>(c - 'A')
+                  : c >= 'a' && c <= 'z' ? static_cast<unsigned char>(c - 'a')
+                  : c >= '2' && c <= '7' ? static_cast<unsigned char>(c - '2' + 26)
+                                         : 255;
+    }
+  }
+};
+inline constexpr Base32Values kBase32Values{};
+
+inline unsigned char base32_value(int c) { return kBase32Values.values[c & 0xFF]; }
 
 }  // namespace impl
 
 // ---- Templates over iterators: bytes in, characters out, and back ----------------------------
 
+namespace impl {
+template <class It>
+constexpr bool kRandomAccess =
+    std::is_base_of<std::random_access_iterator_tag,
+                    typename std::iterator_traits<It>::iterator_category>::value;
+}  // namespace impl
+
 template <class InputIt, class OutputIt>
 OutputIt base64_encode(InputIt first, InputIt last, OutputIt out,
                        ETransformPadding padding = ETransformPadding::padded) {
   char const* const alphabet = impl::TransformHelperBase64::sm_fromBinaryTable;
+  if constexpr (impl::kRandomAccess<InputIt>) {  // whole groups without counting
+    for (; last - first >= 3; first += 3) {
+      unsigned int const group =
+          (static_cast<unsigned int>(static_cast<unsigned char>(first[0])) << 16) |
+          (static_cast<unsigned int>(static_cast<unsigned char>(first[1])) << 8) |
+          static_cast<unsigned char>(first[2]);
+      *out++ = alphabet[group >> 18];
+      *out++ = alphabet[(group >> 12) & 63];
+      *out++ = alphabet[(group >> 6) & 63];
+      *out++ = alphabet[group & 63];
+    }
+  }
   unsigned int group = 0;
   int count = 0;
   for (; first != last; ++first) {
@@ -96,6 +126,23 @@ OutputIt base64_encode(InputIt first, InputIt last, OutputIt out,
 template <class InputIt, class OutputIt>
 OutputIt base64_decode(InputIt first, InputIt last, OutputIt out) {
   using Helper = impl::TransformHelperBase64;
+  if constexpr (impl::kRandomAccess<InputIt>) {
+    // Whole groups of four ordinary characters; anything else goes to the loop below.
+    auto value = [](char c) -> unsigned int {
+      return static_cast<unsigned char>(c) < 128
+                 ? Helper::sm_toBinaryTable[static_cast<unsigned char>(c)]
+                 : 255u;
+    };
+    for (; last - first >= 4; first += 4) {
+      unsigned int const v0 = value(first[0]), v1 = value(first[1]), v2 = value(first[2]),
+                         v3 = value(first[3]);
+      if (((v0 | v1 | v2 | v3) & 0x80) != 0) break;
+      unsigned int const group = (v0 << 18) | (v1 << 12) | (v2 << 6) | v3;
+      *out++ = static_cast<char>(group >> 16);
+      *out++ = static_cast<char>(group >> 8);
+      *out++ = static_cast<char>(group);
+    }
+  }
   unsigned int group = 0;
   int count = 0;   // characters of the group so far
   int padded = 0;  // padding characters seen
