@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <string_view>
@@ -90,6 +91,10 @@ class TQCORE_EXPORT ErrorParams {
   bool operator>=(ErrorParams const& other) const { return compare(other) >= 0; }
 
   uint64_t hash() const noexcept;
+
+  // Each entry as 'name' => "value" (names cut at 128 bytes, values at 256, on UTF-8
+  // boundaries, with "..."), `separator` between entries.
+  void write_trace(std::ostream& stream, char const* separator) const;
 
   // The message with every placeholder of a known name replaced by its value. A message with
   // no placeholder comes back as it is: the SourceString form does not even allocate, while

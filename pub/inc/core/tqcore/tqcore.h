@@ -11,6 +11,8 @@
 #include <tqcore/safe_cast.h>
 #include <tqcore/source_string.h>
 #include <tqcore/static_instance.h>
+#include <tqcore/streamers.h>
+#include <tqcore/string_to.h>
 #include <tqcore/string_util.h>
 #include <tqcore/tqcore_export.h>
 #include <tqcore/transforms.h>

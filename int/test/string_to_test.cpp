@@ -1,0 +1,313 @@
+#include <tqcore/error_exception.h>
+#include <tqcore/streamers.h>
+#include <tqcore/string_to.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <string>
+
+namespace tqcore {
+namespace {
+
+template <class F>
+std::string failure_of(F&& f) {
+  ErrorInfo::Ptr error;
+  f(&error);
+  return error ? error->expanded_message().as_string() : "no failure";
+}
+
+// ---- Values to text --------------------------------------------------------------------------
+
+TEST(ToString, IntegersAndBooleans) {
+  EXPECT_EQ(to_string(static_cast<char>(-1)), "-1");
+  EXPECT_EQ(to_string(std::numeric_limits<long long>::min()), "-9223372036854775808");
+  EXPECT_EQ(to_string(std::numeric_limits<unsigned long long>::max()), "18446744073709551615");
+  EXPECT_EQ(to_string(0), "0");
+  EXPECT_EQ(to_string(true), "true");
+  EXPECT_EQ(to_wstring(-42L), L"-42");
+  std::mt19937_64 random(5);
+  for (int k = 0; k < 10000; ++k) {
+    long long value = static_cast<long long>(random()) >> (random() % 64);
+    ASSERT_EQ(to_string(value), std::to_string(value));
+  }
+}
+
+TEST(ToString, StackAndHeapPathsAgree) {
+  EXPECT_EQ(to_string(std::wstring()), "");
+  for (size_t size : {999u, 1000u, 1999u, 2000u}) {
+    std::string narrow;
+    while (narrow.size() < size) narrow += narrow.size() % 7 == 0 ? "\xC3\xA9" : "a";
+    narrow.resize(size);
+    if ((static_cast<unsigned char>(narrow.back()) & 0xC0) == 0xC0) narrow.back() = 'z';
+    std::wstring const wide = to_wstring(narrow);
+    EXPECT_EQ(to_string(wide), narrow) << size;
+  }
+  int first_invalid = 0;
+  wchar_t const bad[] = {L'a', static_cast<wchar_t>(0xD800), L'b'};
+  EXPECT_EQ(to_string(bad, 3, '?', &first_invalid), "a?b");
+  EXPECT_EQ(first_invalid, 1);
+  EXPECT_THROW(to_string(bad, 3), ErrorException);
+}
+
+// ---- Text to values --------------------------------------------------------------------------
+
+TEST(StringTo, BooleansByTheirWords) {
+  for (char const* yes : {"1", "true", "YES", "Y", "True"})
+    EXPECT_TRUE(string_to<bool>(std::string_view(yes)));
+  for (char const* no : {"0", "false", "No", "N"})
+    EXPECT_FALSE(string_to<bool>(std::string_view(no)));
+  EXPECT_THROW(string_to<bool>(std::string_view("TRUE ")), ErrorException);
+  EXPECT_EQ(failure_of([](ErrorInfo::Ptr* e) { string_to<bool>("maybe", 5, e); }),
+            "tqcore::string_to<bool>(\"maybe\") conversion failed.");
+  EXPECT_TRUE(string_to<bool>(std::wstring_view(L"yes")));
+  EXPECT_THROW(string_to<bool>(std::wstring_view(L"yesyes")), ErrorException);
+}
+
+TEST(StringTo, DoublesFollowStrtodAndItsBounds) {
+  std::string const ok(127, '1');
+  EXPECT_DOUBLE_EQ(string_to<double>(std::string_view(ok)), std::strtod(ok.c_str(), nullptr));
+  std::string const too_long(128, '1');
+  EXPECT_THROW(string_to<double>(std::string_view(too_long)), ErrorException);
+  EXPECT_EQ(string_to<double>(std::string_view("")), 0.0);
+  ErrorInfo::Ptr error;
+  EXPECT_TRUE(std::isnan(string_to<double>("1.5x", 4, &error)));
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->matches("error.tqcore.string.extraction"));
+  EXPECT_EQ(error->expanded_message().as_string(),
+            "tqcore::string_to<double>(\"1.5x\") conversion failed.");
+  error.clear();
+  EXPECT_EQ(string_to<float>("1e39", 4, &error), std::numeric_limits<float>::infinity());
+  EXPECT_TRUE(error);
+  EXPECT_EQ(string_to<float>(std::string_view("0.5")), 0.5f);
+  EXPECT_EQ(string_to<double>(std::wstring_view(L"-2.5e3")), -2500.0);
+}
+
+TEST(StringTo, FailureShowsAtMost128BytesOnACharacterBoundary) {
+  std::string text(127, 'x');
+  text += "\xE2\x82\xAC";  // a three-byte character across the limit
+  text += std::string(70, 'y');
+  ErrorInfo::Ptr error;
+  string_to<double>(text.data(), text.size(), &error);
+  EXPECT_EQ(error->params().get_value("text"), std::string(127, 'x'));
+}
+
+// Every double that strtod reads, string_to reads bit for bit alike, and every text that strtod
+// does not consume whole, string_to refuses.
+TEST(StringTo, DoublesMatchStrtodOnGeneratedTexts) {
+  std::mt19937_64 random(17);
+  auto digits = [&](size_t n) {
+    std::string s;
+    for (size_t k = 0; k < n; ++k) s += static_cast<char>('0' + random() % 10);
+    return s;
+  };
+  char const* const fixed[] = {"inf",
+                               "-INF",
+                               "infinity",
+                               "nan",
+                               "NAN(123)",
+                               "-nan",
+                               "0x1p3",
+                               "0X1.8P-1",
+                               "0x",
+                               " 1",
+                               "+1",
+                               "1 ",
+                               "1e",
+                               "1e+",
+                               ".",
+                               "-.5",
+                               "5.",
+                               "1e308",
+                               "1e309",
+                               "-1e309",
+                               "2.2250738585072011e-308",
+                               "4.9406564584124654e-324",
+                               "2.4703282292062327e-324",
+                               "2.4703282292062328e-324",
+                               "1e-400",
+                               "0.000",
+                               "-0",
+                               "1_0",
+                               "9007199254740993",
+                               "1.7976931348623157e308",
+                               "1.7976931348623159e308"};
+  std::vector<std::string> texts(std::begin(fixed), std::end(fixed));
+  for (int k = 0; k < 100000; ++k) {
+    std::string t;
+    if (random() % 8 == 0) t += random() % 2 ? "-" : "+";
+    t += digits(random() % 20);
+    if (random() % 2) t += "." + digits(random() % 20);
+    if (random() % 2) {
+      t += random() % 2 ? "e" : "E";
+      if (random() % 2) t += random() % 2 ? "-" : "+";
+      t += std::to_string(random() % 700);
+    }
+    if (random() % 50 == 0 && !t.empty()) t[random() % t.size()] = "x. e-"[random() % 5];
+    texts.push_back(t);
+    if (k % 10 == 0) {  // shortest round-trip texts of random bit patterns, denormals included
+      uint64_t bits = random();
+      double d;
+      std::memcpy(&d, &bits, sizeof(d));
+      if (std::isfinite(d)) {
+        char buffer[64];
+        std::snprintf(buffer, sizeof(buffer), "%.17g", d);
+        texts.push_back(buffer);
+      }
+    }
+  }
+  for (std::string const& t : texts) {
+    char* end = nullptr;
+    double const expected = std::strtod(t.c_str(), &end);
+    bool const accepted = end == t.c_str() + t.size();
+    ErrorInfo::Ptr error;
+    double const got = string_to<double>(t.data(), t.size(), &error);
+    ASSERT_EQ(!error, accepted) << t;
+    if (accepted) {
+      ASSERT_EQ(std::memcmp(&got, &expected, sizeof(got)), 0) << t;
+    }
+  }
+}
+
+struct IntegerCase {
+  char const* text;
+  unsigned int radix;
+  long long value;      // when it parses
+  char const* failure;  // otherwise, the start of the message
+};
+
+class IntegerGrammar : public ::testing::TestWithParam<IntegerCase> {};
+
+TEST_P(IntegerGrammar, ParsesOrReports) {
+  IntegerCase const& c = GetParam();
+  ErrorInfo::Ptr error;
+  long long const value = string_to<long long>(c.text, std::strlen(c.text), c.radix, &error);
+  if (c.failure == nullptr) {
+    EXPECT_FALSE(error) << c.text;
+    EXPECT_EQ(value, c.value) << c.text;
+  } else {
+    ASSERT_TRUE(error) << c.text;
+    EXPECT_EQ(error->expanded_message().as_string().rfind(c.failure, 0), 0u)
+        << error->expanded_message().as_string();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, IntegerGrammar,
+    ::testing::Values(
+        IntegerCase{"42", 10, 42, nullptr}, IntegerCase{"-42", 10, -42, nullptr},
+        IntegerCase{"+7", 10, 7, nullptr}, IntegerCase{"ff", 16, 255, nullptr},
+        IntegerCase{"0xFF", 16, 255, nullptr}, IntegerCase{"-0x10", 16, -16, nullptr},
+        IntegerCase{"0b101", 2, 5, nullptr}, IntegerCase{"zz", 36, 1295, nullptr},
+        IntegerCase{"-9223372036854775808", 10, std::numeric_limits<long long>::min(), nullptr},
+        IntegerCase{"9223372036854775808", 10, 0,
+                    "The value of the base-10 sequence \"9223372036854775808\" is too large"},
+        IntegerCase{"12a", 10, 0,
+                    "Invalid base-10 numeral ('a') found while attempting to convert \"12a\""},
+        IntegerCase{" 1", 10, 0, "Invalid base-10 numeral (' ')"},
+        IntegerCase{"0x", 16, 0, "Invalid base-16 numeral ('x')"},
+        IntegerCase{"0x1", 10, 0, "Invalid base-10 numeral ('x')"},
+        IntegerCase{"", 10, 0, "tqcore::string_to<long long>(\"\") conversion failed."},
+        IntegerCase{"-", 10, 0, "tqcore::string_to<long long>(\"-\") conversion failed."},
+        IntegerCase{"1", 37, 0,
+                    "Invalid 'radix' argument specified (37) while attempting to convert \"1\" "
+                    "into a value of type long long."}));
+
+TEST(StringTo, UnsignedAndNarrowTypes) {
+  EXPECT_EQ(string_to<uint8_t>(std::string_view("255")), 255);
+  EXPECT_THROW(string_to<uint8_t>(std::string_view("256")), ErrorException);
+  EXPECT_THROW(string_to<unsigned>(std::string_view("-1")), ErrorException);
+  EXPECT_EQ(string_to<int16_t>(std::string_view("-32768")), -32768);
+  EXPECT_EQ(string_to<uint64_t>(std::string_view("18446744073709551615")), UINT64_MAX);
+  EXPECT_EQ(string_to<int>(std::wstring_view(L"-12")), -12);
+  EXPECT_EQ(
+      failure_of([](ErrorInfo::Ptr* e) { string_to<int>(L"1\u00e9", 2, 10, e); }),
+      "Invalid base-10 numeral ('\xC3\xA9') found while attempting to convert \"1\xC3\xA9\" into a "
+      "value of type int.");
+}
+
+// ---- Streamers -------------------------------------------------------------------------------
+
+template <class T>
+std::string streamed(T const& value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+TEST(Streamers, HexBooleanPointer) {
+  EXPECT_EQ(streamed(streamers::Hex(static_cast<char>(0xFF), false)), "0xff");
+  EXPECT_EQ(streamed(streamers::Hex(static_cast<char>(0xFF), true)), "0xff");
+  EXPECT_EQ(streamed(streamers::Hex(1, true)), "0x00000001");
+  EXPECT_EQ(streamed(streamers::Hex(0, false)), "0x0");
+  EXPECT_EQ(streamed(streamers::Pointer(nullptr)), "0x0000000000000000");
+  EXPECT_EQ(streamed(streamers::Boolean(false)), "false");
+  std::ostringstream padded;
+  padded.width(8);
+  padded << streamers::Hex(0xAB, false);
+  EXPECT_EQ(padded.str(), "    0xab");
+}
+
+TEST(Streamers, StringsAreQuotedAndCutOnCharacters) {
+  std::string const long_text(300, 'a');
+  EXPECT_EQ(streamed(streamers::String(long_text.c_str())), "\"" + std::string(256, 'a') + "...\"");
+  EXPECT_EQ(streamed(streamers::String("a\xE2\x82\xAC", 4, 2, '"')), "\"a...\"");
+  EXPECT_EQ(streamed(streamers::String("abc", 3, 0, '\'')), "'...'");
+  EXPECT_EQ(streamed(streamers::String("", 0, 0, '\'')), "''");
+  wchar_t const lone[] = {L'x', static_cast<wchar_t>(0xDC00), 0};
+  EXPECT_EQ(streamed(streamers::WString(lone)), "\"x?\"");
+  std::ostringstream wide;
+  wide.width(7);
+  wide.fill('*');
+  wide << streamers::String("abc", 3, 2, 0);
+  EXPECT_EQ(wide.str(), "**ab...");
+}
+
+TEST(Streamers, HexDumpLinesHaveOneLayout) {
+  unsigned char data[17];
+  for (int k = 0; k < 17; ++k) data[k] = static_cast<unsigned char>(k == 1 ? 127 : 'A' + k);
+  std::string const text =
+      streamed(streamers::HexDump(data, 17, reinterpret_cast<void const*>(uintptr_t{0x10}), "> "));
+  EXPECT_EQ(
+      text,
+      "> 0000000000000010: 41 7f 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 : A\x7f"
+      "CDEFGHIJKLMNOP\n"
+      "> 0000000000000020: 51                                              : Q               \n");
+  EXPECT_EQ(streamed(streamers::HexDump(nullptr, 4)), "");
+}
+
+TEST(Streamers, StreamBufferSeeksWithinItsText) {
+  char const text[] = "0123456789";
+  impl::StringToStreamBuf buffer(text, 10);
+  std::istream in(&buffer);
+  EXPECT_EQ(in.rdbuf()->pubseekoff(10, std::ios_base::beg, std::ios_base::in), 10);
+  EXPECT_EQ(in.rdbuf()->pubseekoff(11, std::ios_base::beg, std::ios_base::in), -1);
+  EXPECT_EQ(in.rdbuf()->pubseekoff(-3, std::ios_base::end, std::ios_base::in), 7);
+  EXPECT_EQ(in.rdbuf()->pubseekoff(0, std::ios_base::beg, std::ios_base::out), -1);
+  std::string rest;
+  in >> rest;
+  EXPECT_EQ(rest, "789");
+  wchar_t const wide[] = L"abc";
+  impl::StringToStreamBufW wbuffer(wide, 3);
+  EXPECT_EQ(wbuffer.pubseekoff(1, std::ios_base::cur, std::ios_base::in), 1);
+}
+
+TEST(Streamers, ErrorParamsWriteTrace) {
+  ErrorParams params;
+  params.add("b", 1, std::string(300, 'v').c_str(), 300);
+  params.add("a", 1, "1", 1);
+  std::ostringstream out;
+  params.write_trace(out, ", ");
+  EXPECT_EQ(out.str(), "'a' => \"1\", 'b' => \"" + std::string(256, 'v') + "...\"");
+  std::ostringstream empty;
+  ErrorParams().write_trace(empty, ", ");
+  EXPECT_EQ(empty.str(), "");
+}
+
+}  // namespace
+}  // namespace tqcore
