@@ -307,17 +307,17 @@ constexpr size_t kLongestNumber = 127;
 // finite value; everything else (white space, '+', hexadecimal, inf, nan, overflow, underflow)
 // goes to strtod itself.
 bool parse_double(char const* text, size_t size, double* value) {
-  char buffer[kLongestNumber + 1];
-  std::memcpy(buffer, text, size);
-  buffer[size] = '\0';
   if (size > 0) {
     double fast = 0;
-    std::from_chars_result const parsed = std::from_chars(buffer, buffer + size, fast);
-    if (parsed.ec == std::errc() && parsed.ptr == buffer + size && std::isfinite(fast)) {
+    std::from_chars_result const parsed = std::from_chars(text, text + size, fast);
+    if (parsed.ec == std::errc() && parsed.ptr == text + size && std::isfinite(fast)) {
       *value = fast;
       return true;
     }
   }
+  char buffer[kLongestNumber + 1];  // strtod needs a terminated copy
+  std::memcpy(buffer, text, size);
+  buffer[size] = '\0';
   char* end = nullptr;
   *value = std::strtod(buffer, &end);
   return end == buffer + size;

@@ -14,6 +14,7 @@
 #include <tqcore/error_info.h>
 #include <tqcore/tqcore_export.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <cwchar>
@@ -102,11 +103,41 @@ TQCORE_EXPORT void base_n_string_to_error_overflow(unsigned int radix, std::type
                                                    wchar_t const* text, size_t size,
                                                    ErrorInfo::Ptr* error);
 
-inline unsigned int digit_value(unsigned int c) {
-  if (c - '0' < 10) return c - '0';
-  unsigned int const letter = (c | 0x20) - 'a';
-  return letter < 26 ? letter + 10 : 99;
-}
+// The value of a numeral of any radix up to 36, or 99; a table, as mixed digits and letters
+// would mispredict range tests.
+struct DigitValues {
+  unsigned char values[256];
+  constexpr DigitValues() : values() {
+    for (unsigned int c = 0; c < 256; ++c) {
+      values[c] = c - '0' < 10              ? static_cast<unsigned char>(c - '0')
+                  : ((c | 0x20) - 'a') < 26 ? static_cast<unsigned char>((c | 0x20) - 'a' + 10)
+                                            : 99;
+    }
+  }
+};
+inline constexpr DigitValues kDigitValues{};
+
+inline unsigned int digit_value(unsigned int c) { return c < 256 ? kDigitValues.values[c] : 99; }
+
+// How many digits of each radix any value of M holds: that many need no overflow check.
+template <class M>
+struct SafeDigits {
+  unsigned char count[37];
+  constexpr SafeDigits() : count() {
+    for (unsigned int radix = 2; radix <= 36; ++radix) {
+      M power = 1;
+      unsigned char digits = 0;
+      while (power <= std::numeric_limits<M>::max() / radix) {
+        power = static_cast<M>(power * radix);
+        ++digits;
+      }
+      count[radix] = digits;
+    }
+  }
+};
+
+template <class M>
+inline constexpr SafeDigits<M> kSafeDigits{};
 
 // Parses an integer by the grammar above; on failure reports and returns 0.
 template <class T, class Char>
@@ -137,6 +168,15 @@ T parse_integer(Char const* text, size_t size, unsigned int radix, ErrorInfo::Pt
   Magnitude const limit = static_cast<Magnitude>(std::numeric_limits<T>::max()) +
                           (negative ? Magnitude(1) : Magnitude(0));
   Magnitude value = 0;
+  size_t const unchecked_end = i + std::min<size_t>(size - i, kSafeDigits<Magnitude>.count[radix]);
+  for (; i < unchecked_end; ++i) {
+    unsigned int const digit = digit_value(static_cast<unsigned int>(text[i]));
+    if (digit >= radix) {
+      base_n_string_to_error_bad_numeral(text[i], radix, typeid(T), text, size, error);
+      return 0;
+    }
+    value = static_cast<Magnitude>(value * radix + digit);
+  }
   for (; i < size; ++i) {
     unsigned int const digit = digit_value(static_cast<unsigned int>(text[i]));
     if (digit >= radix) {
@@ -148,6 +188,10 @@ T parse_integer(Char const* text, size_t size, unsigned int radix, ErrorInfo::Pt
       base_n_string_to_error_overflow(radix, typeid(T), text, size, error);
       return 0;
     }
+  }
+  if (value > limit) {
+    base_n_string_to_error_overflow(radix, typeid(T), text, size, error);
+    return 0;
   }
   return negative ? static_cast<T>(Magnitude(0) - value) : static_cast<T>(value);
 }
