@@ -1,6 +1,7 @@
 // The whole of tqcore's public interface.
 #pragma once
 
+#include <tqcore/abs_rel_time.h>
 #include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
 #include <tqcore/error_exception.h>

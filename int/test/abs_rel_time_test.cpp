@@ -1,0 +1,153 @@
+#include <tqcore/abs_rel_time.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+namespace tqcore {
+namespace {
+
+constexpr long long kMin = impl::TimeBase::TIMEVALUE_MIN;
+constexpr long long kInfinite = impl::TimeBase::TIMEVALUE_INFINITE;
+
+TEST(TimeValues, InfiniteIsAbsorbingInSumsAndDecaysInProducts) {
+  RelativeTime const infinite = RelativeTime::infinite;
+  EXPECT_TRUE(infinite.is_positive());
+  EXPECT_FALSE(infinite.is_min_time());
+  EXPECT_FALSE(infinite.is_max_time());
+  EXPECT_TRUE((infinite + RelativeTime::seconds(1)).is_infinite());
+  EXPECT_TRUE((RelativeTime::seconds(1) - infinite).is_infinite());  // no negative infinity
+  EXPECT_TRUE((AbsoluteTime::zero + infinite).is_infinite());
+  AbsoluteTime deadline = AbsoluteTime::infinite;
+  deadline -= RelativeTime::seconds(5);
+  EXPECT_TRUE(deadline.is_infinite());
+  EXPECT_EQ((infinite * 2.0).as_nsec(), kMin);
+  EXPECT_EQ((infinite * 0.0).as_nsec(), kMin);
+  EXPECT_EQ((RelativeTime(1, 0) * 2.5).as_nsec(), 2500000000LL);
+  RelativeTime scaled = RelativeTime::seconds(3);
+  scaled *= 0.5;
+  EXPECT_EQ(scaled.as_nsec(), 1500000000LL);
+  // A product between 2^63 and 2^64 keeps its bits; beyond, TIMEVALUE_MIN.
+  EXPECT_EQ((RelativeTime::seconds(5000000) * 2000.0).as_nsec(),
+            static_cast<long long>(static_cast<uint64_t>(1e19)));
+  EXPECT_EQ((RelativeTime::seconds(5000000) * 4000.0).as_nsec(), kMin);
+}
+
+TEST(TimeValues, NegateAndDoubleConstructionKeepTheirQuirks) {
+  RelativeTime t = RelativeTime::infinite;
+  t.negate();
+  EXPECT_TRUE(t.is_infinite());
+  RelativeTime smallest = RelativeTime::min_time;
+  smallest.negate();
+  EXPECT_EQ(smallest.as_nsec(), kMin);
+  EXPECT_EQ(RelativeTime(RelativeTime::infinite.as_sec()).as_nsec(), kMin);
+  EXPECT_EQ(RelativeTime(std::nan("")).as_nsec(), kMin);
+  EXPECT_EQ(RelativeTime(1.5).as_nsec(), 1500000000LL);
+}
+
+TEST(TimeValues, ThirtyTwoBitUnitsWrapAsTheInterfaceSays) {
+  EXPECT_EQ(RelativeTime::days(24855).as_nsec(), 24855LL * 86400 * 1000000000);
+  EXPECT_LT(RelativeTime::days(24856).as_nsec(), 0);  // 24856 days of seconds overflow 32 bits
+  EXPECT_EQ(RelativeTime::hours(596523).as_nsec(), 596523LL * 3600 * 1000000000);
+  EXPECT_LT(RelativeTime::hours(596524).as_nsec(), 0);
+  EXPECT_EQ(RelativeTime::minutes(-2).as_nsec(), -120000000000LL);
+}
+
+TEST(TimeValues, TimevalTimespecAndAceForms) {
+  timeval const infinite = AbsoluteTime::infinite.as_timeval();
+  EXPECT_EQ(infinite.tv_sec, 0x7FFFFFFF);
+  EXPECT_EQ(infinite.tv_usec, 0x7FFFFFFF);
+  EXPECT_FALSE(AbsoluteTime(infinite).is_infinite());
+  timeval const negative = RelativeTime(-1.5).as_timeval();
+  EXPECT_EQ(negative.tv_sec, -1);
+  EXPECT_EQ(negative.tv_usec, -500000);
+  timespec const bits = RelativeTime::infinite.as_timespec();
+  EXPECT_EQ(bits.tv_sec, 633437444);
+  EXPECT_EQ(bits.tv_nsec, 854775807);
+  ACE_Time_Value const ace = RelativeTime::infinite.as_ace_time_value();
+  EXPECT_EQ(ace.sec(), 633437444);
+  EXPECT_EQ(ace.usec(), 854775);
+  EXPECT_EQ(static_cast<ACE_Time_Value const*>(RelativeTime::infinite.as_ace_timeout()), nullptr);
+  impl::AceTimeoutProxy const proxy = RelativeTime::seconds(2).as_ace_timeout();
+  ACE_Time_Value const* two = proxy;
+  ASSERT_NE(two, nullptr);
+  EXPECT_EQ(two->sec(), 2);
+  EXPECT_TRUE(RelativeTime(static_cast<ACE_Time_Value const*>(nullptr)).is_infinite());
+  timespec ts{3, 250};
+  EXPECT_EQ(RelativeTime(ts).as_nsec(), 3000000250LL);
+}
+
+TEST(TimeValues, Win32Timeouts) {
+  RelativeTime t;
+  t.set_win32_timeout(0xFFFFFFFFu);
+  EXPECT_TRUE(t.is_infinite());
+  t.set_win32_timeout(0xFFFFFFFEu);
+  EXPECT_EQ(t.as_nsec(), 4294967294000000LL);
+  EXPECT_EQ(RelativeTime::milliseconds(-1).as_win32_timeout(), 0xFFFFFFFFu);
+}
+
+TEST(TimeValues, DifferenceOfPointsSaturatesToInfinite) {
+  EXPECT_TRUE((AbsoluteTime::min_time - AbsoluteTime::max_time).is_infinite());
+  EXPECT_TRUE((AbsoluteTime::max_time - AbsoluteTime::min_time).is_infinite());
+  EXPECT_TRUE(AbsoluteTime::max_time.remaining(AbsoluteTime::min_time).is_infinite());
+  EXPECT_TRUE(AbsoluteTime::min_time.remaining(AbsoluteTime::max_time).is_infinite());
+  AbsoluteTime const past = AbsoluteTime::now() - RelativeTime::seconds(10);
+  EXPECT_TRUE(past.remaining().is_zero());
+  EXPECT_GE(past.overtime(), RelativeTime::seconds(10));
+  EXPECT_TRUE(AbsoluteTime::infinite.remaining().is_infinite());
+  EXPECT_TRUE(AbsoluteTime::infinite.overtime().is_infinite());
+  EXPECT_EQ((AbsoluteTime::from_nsec(5) - AbsoluteTime::from_nsec(8)).as_nsec(), -3);
+}
+
+TEST(TimeValues, ReadersAndHash) {
+  RelativeTime const t = RelativeTime::nanoseconds(-1999999999);
+  EXPECT_EQ(t.as_usec(), -1999999);
+  EXPECT_EQ(t.as_msec(), -1999);
+  EXPECT_EQ(t.as_time_t(), -1);
+  EXPECT_EQ(RelativeTime::infinite.as_msec(), std::numeric_limits<long long>::max());
+  EXPECT_TRUE(std::isinf(RelativeTime::infinite.as_sec()));
+  EXPECT_EQ(AbsoluteTime::from_nsec(0x100000001LL).hash(), 0x100000000ULL);
+  EXPECT_LT(AbsoluteTime::max_time, AbsoluteTime::infinite);
+}
+
+TEST(TimeValues, WindowsFormsRoundTrip) {
+  AbsoluteTime const moment = AbsoluteTime::from_nsec(1700000000123456700LL);
+  win32::FileTime const ft = moment.as_filetime();
+  EXPECT_EQ(AbsoluteTime(ft, false), moment);
+  win32::SystemTime const st = moment.as_systemtime();
+  EXPECT_EQ(st.year, 2023);
+  EXPECT_EQ(st.month, 11);
+  EXPECT_EQ(st.day, 14);
+  EXPECT_EQ(st.day_of_week, 2);  // a Tuesday
+  EXPECT_EQ(st.hour, 22);
+  EXPECT_EQ(st.minute, 13);
+  EXPECT_EQ(st.second, 20);
+  EXPECT_EQ(st.milliseconds, 123);
+  EXPECT_EQ(AbsoluteTime(st, false).as_nsec(), 1700000000123000000LL);
+  EXPECT_EQ(AbsoluteTime::infinite.as_filetime().high_date_time, 0xFFFFFFFFu);
+  EXPECT_FALSE(AbsoluteTime(impl::TimeBase::MAX_FILETIME, false).is_infinite());
+  EXPECT_EQ(AbsoluteTime::infinite.as_systemtime().year, 30827);
+  // Local time by the C library's zone: in UTC the two readings agree.
+  setenv("TZ", "UTC", 1);
+  tzset();
+  EXPECT_EQ(AbsoluteTime(ft, true), moment);
+  setenv("TZ", "XYZ-1", 1);  // a POSIX zone one hour east of UTC: needs no tzdata
+  tzset();
+  EXPECT_EQ((moment - AbsoluteTime(ft, true)).as_nsec(), 3600LL * 1000000000);
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST(TimeValues, NowReadsTheWallClockInNanoseconds) {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  long long const before = static_cast<long long>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+  long long const now = AbsoluteTime::now().as_nsec();
+  EXPECT_GE(now, before);
+  EXPECT_LT(now - before, 10LL * 1000000000);
+}
+
+}  // namespace
+}  // namespace tqcore
