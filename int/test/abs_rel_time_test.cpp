@@ -1,10 +1,14 @@
 #include <tqcore/abs_rel_time.h>
+#include <tqcore/error_exception.h>
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <limits>
+#include <random>
+#include <string>
 
 namespace tqcore {
 namespace {
@@ -147,6 +151,98 @@ TEST(TimeValues, NowReadsTheWallClockInNanoseconds) {
   long long const now = AbsoluteTime::now().as_nsec();
   EXPECT_GE(now, before);
   EXPECT_LT(now - before, 10LL * 1000000000);
+}
+
+}  // namespace
+}  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+using Components = AbsoluteTime::Components;
+
+std::string message_of(ErrorInfo::Ptr const& error) {
+  return error ? error->message().as_string() : "no error";
+}
+
+TEST(Calendar, ComponentsOfTimes) {
+  EXPECT_EQ(Components(AbsoluteTime(0LL)), Components(1970, 1, 1, 0, 0, 0, 0));
+  EXPECT_EQ(AbsoluteTime::from_nsec(-1).as_components(),
+            Components(1969, 12, 31, 23, 59, 59, 999999999));
+  Components const noon(2440588);
+  EXPECT_EQ(noon, Components(1970, 1, 1, 12, 0, 0, 0));
+  EXPECT_EQ(noon.day_of_week(), 3);
+  EXPECT_EQ(Components(2440587.5, false), Components(1970, 1, 1, 0, 0, 0, 0));
+  EXPECT_EQ(AbsoluteTime::from_components(Components(2000, 2, 31, 0, 0, 0, 0)).as_components(),
+            Components(2000, 3, 2, 0, 0, 0, 0));
+  EXPECT_EQ(AbsoluteTime::infinite.julian_day(), 5373484);
+  EXPECT_EQ(AbsoluteTime::infinite.as_components(), Components::infinite);
+  EXPECT_TRUE(AbsoluteTime::from_components(Components::infinite).is_infinite());
+}
+
+TEST(Calendar, RangeBoundsOfFromComponents) {
+  AbsoluteTime out;
+  EXPECT_EQ(message_of(AbsoluteTime::from_components_nothrow(
+                           Components(1677, 9, 21, 0, 12, 43, 145224191), &out))
+                .substr(0, 70),
+            "The specified Gregorian date/time represent a date before '1677-09-21 ");
+  EXPECT_FALSE(
+      AbsoluteTime::from_components_nothrow(Components(1677, 9, 21, 0, 12, 43, 145224192), &out));
+  EXPECT_EQ(out, AbsoluteTime::min_time);
+  EXPECT_FALSE(
+      AbsoluteTime::from_components_nothrow(Components(2262, 4, 11, 23, 47, 16, 854775806), &out));
+  EXPECT_EQ(out, AbsoluteTime::max_time);
+  ErrorInfo::Ptr after =
+      AbsoluteTime::from_components_nothrow(Components(2262, 4, 11, 23, 47, 16, 854775807), &out);
+  ASSERT_TRUE(after);
+  EXPECT_TRUE(after->matches("error.tqcore.absoluteTime.range"));
+  EXPECT_EQ(out, AbsoluteTime::max_time);  // untouched on failure
+  EXPECT_TRUE(AbsoluteTime::from_components_nothrow(Components(9999, 12, 31, 23, 59, 59, 999999998),
+                                                    nullptr));
+}
+
+TEST(Calendar, JulianDayFailuresAndRounding) {
+  EXPECT_THROW(AbsoluteTime::from_julian_day(-1, nullptr), ErrorException);
+  ErrorInfo::Ptr error;
+  EXPECT_TRUE(AbsoluteTime::from_julian_day(-1, &error).is_infinite());
+  EXPECT_TRUE(error && error->matches("error.tqcore.cast.negativeToUnsigned"));
+  try {
+    Components(1.0e10, false);
+    FAIL();
+  } catch (ErrorException const& e) {
+    EXPECT_TRUE(e.matches("error.tqcore.cast.valueTooBig"));
+    EXPECT_EQ(e.error()->params().get_value("jd"), "1e+10");
+  }
+  EXPECT_THROW(Components(1000), ErrorException);  // a date before year 0: sign reversal
+  AbsoluteTime const t = AbsoluteTime::from_full_julian_date(2440588.0 + 0.5 - 1e-9, nullptr, true);
+  EXPECT_EQ(t.as_components(), Components(1970, 1, 2, 0, 0, 0, 0));  // rounds up into the next day
+  EXPECT_NEAR(AbsoluteTime(0LL).full_julian_date(), 2440587.5, 1e-9);
+}
+
+// Components against the C library's own calendar over the whole range, and back again.
+TEST(Calendar, AgreesWithGmtimeAcrossTheRange) {
+  std::mt19937_64 random(31);
+  for (int k = 0; k < 200000; ++k) {
+    long long const value = static_cast<long long>(random());
+    if (value == impl::TimeBase::TIMEVALUE_INFINITE) continue;
+    AbsoluteTime const t = AbsoluteTime::from_nsec(value);
+    Components const c = t.as_components();
+    long long seconds = value / 1000000000;
+    long long ns = value % 1000000000;
+    if (ns < 0) {
+      --seconds;
+      ns += 1000000000;
+    }
+    time_t const as_time_t = static_cast<time_t>(seconds);
+    tm expected{};
+    ASSERT_NE(gmtime_r(&as_time_t, &expected), nullptr);
+    ASSERT_EQ(c, Components(static_cast<short>(expected.tm_year + 1900), expected.tm_mon + 1,
+                            expected.tm_mday, expected.tm_hour, expected.tm_min, expected.tm_sec,
+                            static_cast<unsigned>(ns)))
+        << value;
+    ASSERT_EQ(c.day_of_week(), (expected.tm_wday + 6) % 7) << value;
+    ASSERT_EQ(AbsoluteTime::from_components(c), t) << value;
+  }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 // their wrap-around is the same on every platform of the family.
 #pragma once
 
+#include <tqcore/error_info.h>
 #include <tqcore/tqcore_export.h>
 
 #include <ace/Time_Value.h>
@@ -309,6 +310,8 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase {
 
 class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
  public:
+  class Components;
+
   static AbsoluteTime const min_time;
   static AbsoluteTime const max_time;
   static AbsoluteTime const zero;
@@ -335,8 +338,22 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
   void set(RelativeTime const& offset, AbsoluteTime const& base) noexcept {
     m_value = absorbing_sum(base.m_value, offset.as_nsec());
   }
+  void set(Components const& components);
   win32::FileTime as_filetime() const noexcept;
   win32::SystemTime as_systemtime() const noexcept;
+
+  // The calendar form in UTC, and Julian day numbers (days begin at noon).
+  Components as_components() const;
+  int julian_day() const;
+  double full_julian_date() const;
+  // Null on success; `out` may be null to only check, and is untouched on failure. Fields are
+  // summed, not range-checked, so 2000-02-31 is 2000-03-02.
+  static ErrorInfo::Ptr from_components_nothrow(Components const& components, AbsoluteTime* out);
+  static AbsoluteTime from_components(Components const& components);
+  // On failure: raises when `error` is null, else stores the record and returns infinite.
+  static AbsoluteTime from_julian_day(int julian_day, ErrorInfo::Ptr* error);
+  static AbsoluteTime from_full_julian_date(double julian_date, ErrorInfo::Ptr* error,
+                                            bool round_to_seconds);
 
   static constexpr AbsoluteTime from_nsec(long long count) noexcept {
     return AbsoluteTime(count, Raw{});
@@ -395,6 +412,67 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
   struct Raw {};
   constexpr AbsoluteTime(long long count, Raw) noexcept : TimeBase(count) {}
   constexpr explicit AbsoluteTime(TimeBase const& base) noexcept : TimeBase(base) {}
+};
+
+// A date and time of the proleptic Gregorian calendar, UTC. Setters store without checking.
+class TQCORE_EXPORT AbsoluteTime::Components {
+ public:
+  // 9999-12-31 23:59:59.999999999: the calendar form of the infinite time.
+  static Components const infinite;
+
+  constexpr Components() noexcept = default;
+  constexpr Components(short year, unsigned short month, unsigned short day, unsigned short hour,
+                       unsigned short minute, unsigned short second,
+                       unsigned int nanosecond) noexcept
+      : m_year(year),
+        m_month(month),
+        m_day(day),
+        m_hour(hour),
+        m_minute(minute),
+        m_second(second),
+        m_nanosecond(nanosecond) {}
+  // The date of a Julian day number at 12:00; a negative number raises.
+  explicit Components(int julian_day);
+  Components(double full_julian_date, bool round_to_seconds);
+  explicit Components(AbsoluteTime const& time);
+
+  constexpr short year() const noexcept { return m_year; }
+  constexpr unsigned short month() const noexcept { return m_month; }
+  constexpr unsigned short day() const noexcept { return m_day; }
+  constexpr unsigned short hour() const noexcept { return m_hour; }
+  constexpr unsigned short minute() const noexcept { return m_minute; }
+  constexpr unsigned short second() const noexcept { return m_second; }
+  constexpr unsigned int nanosecond() const noexcept { return m_nanosecond; }
+  void year(short value) noexcept { m_year = value; }
+  void month(unsigned short value) noexcept { m_month = value; }
+  void day(unsigned short value) noexcept { m_day = value; }
+  void hour(unsigned short value) noexcept { m_hour = value; }
+  void minute(unsigned short value) noexcept { m_minute = value; }
+  void second(unsigned short value) noexcept { m_second = value; }
+  void nanosecond(unsigned int value) noexcept { m_nanosecond = value; }
+
+  int julian_day() const noexcept;
+  double full_julian_date() const noexcept;
+  // 0 Monday to 6 Sunday; a negative multiple of 7 gives 7.
+  unsigned short day_of_week() const noexcept;
+
+  bool operator==(Components const& o) const noexcept;
+  bool operator!=(Components const& o) const noexcept { return !(*this == o); }
+  bool operator<(Components const& o) const noexcept;
+  bool operator>(Components const& o) const noexcept { return o < *this; }
+  bool operator<=(Components const& o) const noexcept { return !(*this > o); }
+  bool operator>=(Components const& o) const noexcept { return !(*this < o); }
+
+ private:
+  void init_from_jdn(unsigned int jdn);
+
+  short m_year = 1970;
+  unsigned short m_month = 1;
+  unsigned short m_day = 1;
+  unsigned short m_hour = 0;
+  unsigned short m_minute = 0;
+  unsigned short m_second = 0;
+  unsigned int m_nanosecond = 0;
 };
 
 // A reading of a monotonic clock, on a scale whose zero means nothing.
