@@ -5,9 +5,11 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <random>
+#include <sstream>
 #include <string>
 
 namespace tqcore {
@@ -243,6 +245,95 @@ TEST(Calendar, AgreesWithGmtimeAcrossTheRange) {
     ASSERT_EQ(c.day_of_week(), (expected.tm_wday + 6) % 7) << value;
     ASSERT_EQ(AbsoluteTime::from_components(c), t) << value;
   }
+}
+
+}  // namespace
+}  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+struct UtcCase {
+  char const* text;
+  char const* expected;  // as_string() of the result, or the expanded failure message
+};
+
+class UtcParser : public ::testing::TestWithParam<UtcCase> {};
+
+TEST_P(UtcParser, ParsesOrRefusesWithItsMessage) {
+  UtcCase const& c = GetParam();
+  AbsoluteTime out = AbsoluteTime::from_nsec(42);
+  ErrorInfo::Ptr error = AbsoluteTime::from_string_nothrow(c.text, std::strlen(c.text), &out);
+  if (error) {
+    EXPECT_TRUE(error->matches("error.tqcore.absoluteTime.invalidUtcString"));
+    EXPECT_EQ(error->expanded_message().as_string(), c.expected) << c.text;
+    EXPECT_EQ(out.as_nsec(), 42);  // nothing written on failure
+  } else {
+    EXPECT_EQ(out.as_string(), c.expected) << c.text;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, UtcParser,
+    ::testing::Values(
+        UtcCase{"inf", "##INFINITE##"}, UtcCase{"##infinite##", "##INFINITE##"},
+        UtcCase{"Infinity", "Invalid UTC time string: \"Infinity\""},
+        UtcCase{"9999-12-31T23:59:59.999999999Z", "##INFINITE##"},
+        UtcCase{"2000-01-01 00:00:00", "2000-01-01 00:00:00.0"},
+        UtcCase{"20000101T000000", "2000-01-01 00:00:00.0"},
+        UtcCase{"20000101t000000Z", "2000-01-01 00:00:00.0"},
+        UtcCase{"20000101T00", "Invalid UTC time string: \"20000101T00\""},
+        UtcCase{"2000-01-01T12.5", "2000-01-01 12:30:00.0"},
+        UtcCase{"2000-01-01T12:30.5", "2000-01-01 12:30:30.0"},
+        UtcCase{"2000-01-01T12:30:15.", "2000-01-01 12:30:15.0"},
+        UtcCase{"2000-01-01T12:30:15.Z", "2000-01-01 12:30:15.0"},
+        UtcCase{"2000-01-01T12:", "2000-01-01 12:00:00.0"},
+        UtcCase{"2000-01-01T12:30:", "2000-01-01 12:30:00.0"},
+        UtcCase{"2000-01-01T1230,5", "2000-01-01 12:30:30.0"},
+        UtcCase{"2000-01-01T12:30,5", "Invalid time in UTC time string \"2000-01-01T12:30,5\""},
+        UtcCase{"2000-01-01T23:59:60", "2000-01-02 00:00:00.0"},
+        UtcCase{"2000-01-01T24:00:00", "2000-01-02 00:00:00.0"},
+        UtcCase{"2000-01-01T24:00:00.000000001",
+                "Invalid time in UTC time string.  Time must be 00:00:00...24:00:00 (inclusive). "
+                "\"2000-01-01T24:00:00.000000001\""},
+        UtcCase{"2000-01-01T12:30:15.1234567895", "2000-01-01 12:30:15.12345679"},
+        UtcCase{"2000-01-01T12:30:15.12345678951", "2000-01-01 12:30:15.12345679"},
+        UtcCase{"2000-01-01T12:30:15.1234567895x",
+                "Invalid time in UTC time string \"2000-01-01T12:30:15.1234567895x\""},
+        UtcCase{"2000-01-01T12:30:15+01:00",
+                "Invalid time in UTC time string (time must be UTC, no timezone offset) "
+                "\"2000-01-01T12:30:15+01:00\""},
+        UtcCase{"2000-01-01T12:30:15Zx",
+                "Invalid time in UTC time string (unexpected characters after 'Z') "
+                "\"2000-01-01T12:30:15Zx\""},
+        UtcCase{"2000-13-01T00:00:00", "Invalid date in UTC time string: \"2000-13-01T00:00:00\""},
+        UtcCase{"2000-01-01X00:00:00",
+                "Invalid date/time separator in UTC time string.  Expecting ' ' or 'T': "
+                "\"2000-01-01X00:00:00\""},
+        UtcCase{"1600-01-01T00:00:00Z",
+                "Components of UTC date/time string exceeds date range: \"1600-01-01T00:00:00Z\""},
+        UtcCase{"2001-02-31T00:00:00Z", "2001-03-03 00:00:00.0"}));
+
+TEST(UtcText, WritersAndRoundTrips) {
+  EXPECT_EQ(AbsoluteTime::from_nsec(1).as_string(), "1970-01-01 00:00:00.000000001");
+  EXPECT_EQ(AbsoluteTime::from_nsec(0).as_iso8601_string(), "1970-01-01T00:00:00.0Z");
+  EXPECT_EQ(AbsoluteTime::infinite.as_iso8601_string(), "9999-12-31T23:59:59.999999999Z");
+  std::ostringstream out;
+  out.width(25);
+  out << AbsoluteTime::from_nsec(0);
+  EXPECT_EQ(out.str(), "    1970-01-01 00:00:00.0");
+  std::mt19937_64 random(41);
+  for (int k = 0; k < 20000; ++k) {
+    AbsoluteTime const t =
+        AbsoluteTime::from_nsec(static_cast<long long>(random() >> 1) * (random() % 2 ? 1 : -1));
+    ASSERT_EQ(AbsoluteTime::from_string(t.as_string()), t) << t.as_string();
+    ASSERT_EQ(AbsoluteTime::from_string(t.as_iso8601_string()), t) << t.as_iso8601_string();
+  }
+  ErrorInfo::Ptr cause = AbsoluteTime::from_string_nothrow("1600-01-01T00:00:00Z", nullptr);
+  ASSERT_TRUE(cause && cause->nested());
+  EXPECT_TRUE(cause->nested()->matches("error.tqcore.absoluteTime.range"));
+  EXPECT_FALSE(AbsoluteTime::from_string_nothrow("2000-01-01 00:00:00", nullptr));
+  EXPECT_THROW(AbsoluteTime::from_string("garbage"), ErrorException);
 }
 
 }  // namespace

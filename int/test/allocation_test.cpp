@@ -1,4 +1,5 @@
 // Proves the allocation promises of the error model by counting every operator new.
+#include <tqcore/abs_rel_time.h>
 #include <tqcore/error_exception.h>
 
 #include <gtest/gtest.h>
@@ -88,6 +89,15 @@ TEST(Allocation, ExpandingWithoutPlaceholderAllocatesNothing) {
   SourceString const dynamic("No placeholder here either.");
   EXPECT_EQ(allocations_of([&] { return params.expanded_message(dynamic); }), 0);
   EXPECT_EQ(allocations_of([] { return ErrorParams(); }), 0);
+}
+
+TEST(Allocation, ParsingUtcTextAllocatesNothing) {
+  AbsoluteTime out;
+  EXPECT_EQ(allocations_of([&] {
+              return AbsoluteTime::from_string_nothrow("2024-02-29T12:34:56.789Z", 24, &out);
+            }),
+            0);
+  EXPECT_EQ(allocations_of([&] { return AbsoluteTime::from_string_nothrow("INF", 3, &out); }), 0);
 }
 
 TEST(Allocation, CountingReallyCounts) {

@@ -183,7 +183,10 @@ ErrorInfo::Ptr AbsoluteTime::from_components_nothrow(Components const& c, Absolu
                              here);
   }
   if (out != nullptr) {
-    *out = from_nsec((static_cast<long long>(jdn) - kEpochJulianDay) * kNanosecondsInDay + ns);
+    // In unsigned arithmetic: at the first day the product alone is below the 64-bit range.
+    uint64_t const days = static_cast<uint64_t>(static_cast<long long>(jdn) - kEpochJulianDay);
+    *out = from_nsec(static_cast<long long>(days * static_cast<uint64_t>(kNanosecondsInDay) +
+                                            static_cast<uint64_t>(ns)));
   }
   return nullptr;
 }

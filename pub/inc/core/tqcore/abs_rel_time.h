@@ -15,6 +15,8 @@
 #include <sys/time.h>
 #include <cstdint>
 #include <ctime>
+#include <iosfwd>
+#include <string>
 
 namespace tqcore {
 
@@ -355,6 +357,22 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
   static AbsoluteTime from_full_julian_date(double julian_date, ErrorInfo::Ptr* error,
                                             bool round_to_seconds);
 
+  // "2000-01-02 03:04:05.5" and "2000-01-02T03:04:05.5Z"; infinite is "##INFINITE##" and
+  // "9999-12-31T23:59:59.999999999Z".
+  std::string as_string() const;
+  std::string as_iso8601_string() const;
+  // A profile of ISO 8601, always UTC: date ('YYYY-MM-DD' or 'YYYYMMDD'), ' ' or 'T', then
+  // hours [[':']minutes[[':']seconds]], a fraction of the last field, an optional 'Z'; or "INF"
+  // and "##INFINITE##". Never allocates unless it fails; `out` may be null to only check.
+  static ErrorInfo::Ptr from_string_nothrow(char const* text, size_t size, AbsoluteTime* out);
+  static ErrorInfo::Ptr from_string_nothrow(std::string const& text, AbsoluteTime* out) {
+    return from_string_nothrow(text.data(), text.size(), out);
+  }
+  static AbsoluteTime from_string(char const* text, size_t size);
+  static AbsoluteTime from_string(std::string const& text) {
+    return from_string(text.data(), text.size());
+  }
+
   static constexpr AbsoluteTime from_nsec(long long count) noexcept {
     return AbsoluteTime(count, Raw{});
   }
@@ -474,6 +492,9 @@ class TQCORE_EXPORT AbsoluteTime::Components {
   unsigned short m_second = 0;
   unsigned int m_nanosecond = 0;
 };
+
+// Writes as_string() as a formatted string, so width and fill apply.
+TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, AbsoluteTime const& time);
 
 // A reading of a monotonic clock, on a scale whose zero means nothing.
 class TQCORE_EXPORT MonotonicTimeBase {
