@@ -338,3 +338,104 @@ TEST(UtcText, WritersAndRoundTrips) {
 
 }  // namespace
 }  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+struct DurationCase {
+  char const* text;
+  long long nanoseconds;  // when it parses
+  char const* failure;    // otherwise, the start of the expanded message
+};
+
+class DurationParser : public ::testing::TestWithParam<DurationCase> {};
+
+TEST_P(DurationParser, ParsesOrRefuses) {
+  DurationCase const& c = GetParam();
+  RelativeTime out = RelativeTime::nanoseconds(42);
+  ErrorInfo::Ptr error = RelativeTime::from_string_nothrow(c.text, &out);
+  if (c.failure == nullptr) {
+    EXPECT_FALSE(error) << c.text << ": " << error;
+    EXPECT_EQ(out.as_nsec(), c.nanoseconds) << c.text;
+  } else {
+    ASSERT_TRUE(error) << c.text;
+    EXPECT_TRUE(error->matches("error.tqcore.relativeTime.invalidTimeString"));
+    EXPECT_EQ(error->expanded_message().as_string().rfind(c.failure, 0), 0u)
+        << error->expanded_message().as_string();
+  }
+}
+
+constexpr long long kS = 1000000000LL;
+constexpr long long kInf = impl::TimeBase::TIMEVALUE_INFINITE;
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, DurationParser,
+    ::testing::Values(
+        DurationCase{"INF", kInf, nullptr}, DurationCase{"##infinite##", kInf, nullptr},
+        DurationCase{"infinite", 0, "Invalid value in time string \"infinite\", length=8"},
+        DurationCase{"", 0, nullptr}, DurationCase{"-", 0, nullptr},
+        DurationCase{"   ", 0, nullptr}, DurationCase{"123", 0, nullptr},
+        DurationCase{"1.5", 0, nullptr}, DurationCase{"1.5s", 1500000000LL, nullptr},
+        DurationCase{"1 s", 0, "Syntax error processing time string \"1 s\", length=3"},
+        DurationCase{"1.2.3s", 0, "Syntax error processing time string"},
+        DurationCase{"1m", 60 * kS, nullptr}, DurationCase{"1ms", 1000000, nullptr},
+        DurationCase{"1m30s", 90 * kS, nullptr}, DurationCase{"1h 30m", 5400 * kS, nullptr},
+        DurationCase{"1mx", 0, "Syntax error processing time string"},
+        DurationCase{"5u", 0, "Unexpected end of string in time string \"5u\", length=2"},
+        DurationCase{"5ux", 0, "Invalid field type in time string \"5ux\", length=3"},
+        DurationCase{"-1h", -3600 * kS, nullptr},
+        DurationCase{"1h -1m", 0, "Invalid value in time string"},
+        DurationCase{"106752d", 0, "Value overflow processing time string"},
+        DurationCase{"106751d", 106751LL * 86400 * kS, nullptr},
+        DurationCase{"2562047h 2562047h", kInf, nullptr},
+        DurationCase{"-2562047h 2562047h", kInf, nullptr},
+        DurationCase{"1d 2h 3m 4.5s 6ms 7us 8ns", 93784506007008LL, nullptr},
+        DurationCase{"PT0.5S", 500000000, nullptr}, DurationCase{"P0Y0M1D", 86400 * kS, nullptr},
+        DurationCase{"P1Y", 0,
+                     "Units Y(year) and M(onth) are not supported because they are ambiguous "
+                     "without a reference date (position 2)"},
+        DurationCase{"P1M", 0, "Units Y(year) and M(onth) are not supported"},
+        DurationCase{"PT1Y", 0, "Unit Y(year) not supported after the 'T' separator"},
+        DurationCase{"PT5", 0, "Expecting unit after time value digits (position 3)"},
+        DurationCase{"P5X", 0, "Unexpected time unit at position 2"},
+        DurationCase{"PT1ST", 0, "Only one 'T' separator allowed (position 4)"},
+        DurationCase{"PT1T", 0, "Unexpected time unit at position 3"},
+        DurationCase{"P", 0, "Expecting time value after 'P' at position 1"},
+        DurationCase{"-P", 0, "Expecting time value after 'P' at position 2"},
+        DurationCase{"P1S1W", 604801 * kS, nullptr}, DurationCase{"PT", 0, nullptr},
+        DurationCase{"P1DT", 86400 * kS, nullptr},
+        DurationCase{"PT1.0000000005S", 1000000001LL, nullptr},
+        DurationCase{"P999999DT23H59M59.999999999S", kInf, nullptr}));
+
+TEST(DurationText, Writers) {
+  EXPECT_EQ(RelativeTime::nanoseconds(1500).as_string(), "1.5us");
+  EXPECT_EQ(RelativeTime::zero.as_string(), "0ns");
+  EXPECT_EQ(RelativeTime(1.5).as_string(), "1.5s");
+  EXPECT_EQ(RelativeTime::seconds(-90).as_string(), "-1m 30.0s");
+  EXPECT_EQ(RelativeTime::nanoseconds(1000).as_string(), "1000ns");
+  EXPECT_EQ(RelativeTime::milliseconds(1).as_string(), "1000.0us");
+  EXPECT_EQ(RelativeTime::seconds(60).as_string(), "60.0s");
+  EXPECT_EQ(RelativeTime::hours(1).as_string(), "60m 00.0s");
+  EXPECT_EQ(RelativeTime::days(1).as_string(), "24h 0m 0.0s");
+  EXPECT_EQ(RelativeTime::infinite.as_string(), "##INFINITE##");
+  EXPECT_EQ(RelativeTime::seconds(90).as_iso8601_string(), "PT1M30S");
+  EXPECT_EQ(RelativeTime::days(1).as_iso8601_string(), "P1D");
+  EXPECT_EQ(RelativeTime::nanoseconds(1).as_iso8601_string(), "PT0.000000001S");
+  EXPECT_EQ(RelativeTime::seconds(-1).as_iso8601_string(), "-PT1S");
+  EXPECT_EQ(RelativeTime::zero.as_iso8601_string(), "PT0S");
+  EXPECT_TRUE(RelativeTime::from_string(RelativeTime::infinite.as_iso8601_string()).is_infinite());
+}
+
+TEST(DurationText, BothFormsRoundTrip) {
+  std::mt19937_64 random(43);
+  for (int k = 0; k < 20000; ++k) {
+    long long const value =
+        static_cast<long long>(random() >> (1 + random() % 63)) * (random() % 2 ? 1 : -1);
+    RelativeTime const t = RelativeTime::nanoseconds(value);
+    ASSERT_EQ(RelativeTime::from_string(t.as_string()), t) << t.as_string();
+    ASSERT_EQ(RelativeTime::from_string(t.as_iso8601_string()), t) << t.as_iso8601_string();
+  }
+}
+
+}  // namespace
+}  // namespace tqcore

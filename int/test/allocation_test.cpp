@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <string>
 
 namespace {
 std::atomic<long> g_allocations{0};
@@ -98,6 +99,14 @@ TEST(Allocation, ParsingUtcTextAllocatesNothing) {
             }),
             0);
   EXPECT_EQ(allocations_of([&] { return AbsoluteTime::from_string_nothrow("INF", 3, &out); }), 0);
+}
+
+TEST(Allocation, ParsingDurationsAllocatesNothing) {
+  std::string const human = "1d 2h 3m 4.5s 250ms";
+  std::string const iso = "P1DT2H3M4.5S";
+  RelativeTime out;
+  EXPECT_EQ(allocations_of([&] { return RelativeTime::from_string_nothrow(human, &out); }), 0);
+  EXPECT_EQ(allocations_of([&] { return RelativeTime::from_string_nothrow(iso, &out); }), 0);
 }
 
 TEST(Allocation, CountingReallyCounts) {

@@ -281,6 +281,15 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase {
     return {absorbing_difference(a.m_value, b.m_value), TimeValueInit_t{}};
   }
 
+  // "1d 2h 3m 4.5s", "250.0ms", "100ns"; infinite is "##INFINITE##".
+  std::string as_string() const;
+  // "P1DT2H3M4.5S"; zero is "PT0S", infinite "P999999DT23H59M59.999999999S".
+  std::string as_iso8601_string() const;
+  // Either form, or "INF" / "##INFINITE##"; saturates instead of wrapping. `out` must not be
+  // null. A failure of the ISO form still stores what was read before the fault.
+  static ErrorInfo::Ptr from_string_nothrow(std::string const& text, RelativeTime* out);
+  static RelativeTime from_string(std::string const& text);
+
   friend constexpr bool operator==(RelativeTime const& a, RelativeTime const& b) noexcept {
     return a.m_value == b.m_value;
   }
@@ -303,6 +312,13 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase {
  private:
   friend class AbsoluteTime;
   friend class MonotonicTimeBase;
+  static ErrorInfo::Ptr field_from_string(std::string const& text, char const*& position,
+                                          long long& value);
+  static ErrorInfo::Ptr parse_iso8601_duration(std::string const& text, char const* position,
+                                               unsigned long long& value);
+  static void add_time_value_of_unit(unsigned long long& total, unsigned long long unit,
+                                     unsigned long long whole, unsigned long long numerator,
+                                     unsigned long long denominator);
   // The count as it stands.
   constexpr RelativeTime(long long count, TimeValueInit_t) noexcept : TimeBase(count) {}
   static constexpr int32_t wrap32(int32_t n, int32_t factor) noexcept {
@@ -493,8 +509,9 @@ class TQCORE_EXPORT AbsoluteTime::Components {
   unsigned int m_nanosecond = 0;
 };
 
-// Writes as_string() as a formatted string, so width and fill apply.
+// Write as_string() as a formatted string, so width and fill apply.
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, AbsoluteTime const& time);
+TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, RelativeTime const& time);
 
 // A reading of a monotonic clock, on a scale whose zero means nothing.
 class TQCORE_EXPORT MonotonicTimeBase {
