@@ -312,7 +312,16 @@ INSTANTIATE_TEST_SUITE_P(
                 "\"2000-01-01X00:00:00\""},
         UtcCase{"1600-01-01T00:00:00Z",
                 "Components of UTC date/time string exceeds date range: \"1600-01-01T00:00:00Z\""},
-        UtcCase{"2001-02-31T00:00:00Z", "2001-03-03 00:00:00.0"}));
+        UtcCase{"2001-02-31T00:00:00Z", "2001-03-03 00:00:00.0"},
+        // The usual shape at the edges of the range and of its fraction.
+        UtcCase{"1677-09-21T00:12:43.145224192Z", "1677-09-21 00:12:43.145224192"},
+        UtcCase{"2262-04-11T23:47:16.854775806z", "2262-04-11 23:47:16.854775806"},
+        UtcCase{"2262-04-11T23:47:16.854775807Z",
+                "Components of UTC date/time string exceeds date range: "
+                "\"2262-04-11T23:47:16.854775807Z\""},
+        UtcCase{"2000-02-29 12:30:15.0000000004", "2000-02-29 12:30:15.0"},
+        UtcCase{"2000-02-29 12:30:15.1x",
+                "Invalid time in UTC time string \"2000-02-29 12:30:15.1x\""}));
 
 TEST(UtcText, WritersAndRoundTrips) {
   EXPECT_EQ(AbsoluteTime::from_nsec(1).as_string(), "1970-01-01 00:00:00.000000001");

@@ -1,6 +1,7 @@
 // Proves the allocation promises of the error model by counting every operator new.
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/error_exception.h>
+#include <tqcore/simple_date_time.h>
 
 #include <gtest/gtest.h>
 
@@ -99,6 +100,17 @@ TEST(Allocation, ParsingUtcTextAllocatesNothing) {
             }),
             0);
   EXPECT_EQ(allocations_of([&] { return AbsoluteTime::from_string_nothrow("INF", 3, &out); }), 0);
+  // The unusual shapes go through the general reader.
+  EXPECT_EQ(allocations_of(
+                [&] { return AbsoluteTime::from_string_nothrow("20240229T1234,5", 15, &out); }),
+            0);
+  SimpleDateTime local;
+  EXPECT_EQ(allocations_of([&] {
+              return SimpleDateTime::from_string_nothrow("2024-02-29T12:34:56.789-05:30", 29,
+                                                         &local);
+            }),
+            0);
+  EXPECT_EQ(local.timezone_offset(), -330);
 }
 
 TEST(Allocation, ParsingDurationsAllocatesNothing) {

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 
+#include "abs_rel_time_internal.h"
 #include "file_ids.h"
 
 namespace tqcore {
@@ -54,33 +55,37 @@ std::string RelativeTime::as_string() const {
       negative ? 0 - static_cast<uint64_t>(m_value) : static_cast<uint64_t>(m_value);
   unsigned long long const seconds = magnitude / 1000000000;
   unsigned long long const ns = magnitude % 1000000000;
-  char buffer[80];
+  impl::TimeText text;
+  if (negative) text.put('-');
+  if (seconds == 0 && ns <= 1000) return text.number(ns).put("ns").str();
+  // The whole part, then the fraction in the unit's digits; at least one of them stays.
   char const* suffix = "s";
-  if (seconds == 0 && ns <= 1000) {
-    std::snprintf(buffer, sizeof(buffer), "%lluns", ns);
-    suffix = "";
-  } else if (seconds == 0 && ns <= 1000000) {
-    std::snprintf(buffer, sizeof(buffer), "%llu.%03llu", ns / 1000, ns % 1000);
+  uint32_t fraction = static_cast<uint32_t>(ns);
+  int fraction_digits = 9;
+  if (seconds == 0 && ns <= 1000000) {
+    text.number(ns / 1000);
+    fraction = static_cast<uint32_t>(ns % 1000);
+    fraction_digits = 3;
     suffix = "us";
   } else if (seconds == 0) {
-    std::snprintf(buffer, sizeof(buffer), "%llu.%06llu", ns / 1000000, ns % 1000000);
+    text.number(ns / 1000000);
+    fraction = static_cast<uint32_t>(ns % 1000000);
+    fraction_digits = 6;
     suffix = "ms";
-  } else if (seconds <= 60) {
-    std::snprintf(buffer, sizeof(buffer), "%llu.%09llu", seconds, ns);
-  } else if (seconds <= 3600) {
-    std::snprintf(buffer, sizeof(buffer), "%llum %02llu.%09llu", seconds / 60, seconds % 60, ns);
-  } else if (seconds <= 86400) {
-    std::snprintf(buffer, sizeof(buffer), "%lluh %llum %llu.%09llu", seconds / 3600,
-                  seconds / 60 % 60, seconds % 60, ns);
   } else {
-    std::snprintf(buffer, sizeof(buffer), "%llud %lluh %llum %llu.%09llu", seconds / 86400,
-                  seconds / 3600 % 24, seconds / 60 % 60, seconds % 60, ns);
+    if (seconds > 86400) text.number(seconds / 86400).put("d ");
+    if (seconds > 3600) {
+      text.number(seconds > 86400 ? seconds / 3600 % 24 : seconds / 3600).put("h ");
+      text.number(seconds / 60 % 60).put("m ").number(seconds % 60);
+    } else if (seconds > 60) {
+      text.number(seconds / 60).put("m ").digits(static_cast<uint32_t>(seconds % 60), 2);
+    } else {
+      text.number(seconds);
+    }
   }
-  std::string text = negative ? "-" : "";
-  text += buffer;
-  while (text.back() == '0') text.pop_back();  // "...ns" ends in 's' and keeps its zeros
-  if (text.back() == '.') text += '0';
-  return text + suffix;
+  size_t const point = text.size();
+  text.put('.').digits(fraction, fraction_digits).trim_zeros(point + 2);
+  return text.put(suffix).str();
 }
 
 std::string RelativeTime::as_iso8601_string() const {
@@ -91,33 +96,24 @@ std::string RelativeTime::as_iso8601_string() const {
       negative ? 0 - static_cast<uint64_t>(m_value) : static_cast<uint64_t>(m_value);
   unsigned long long seconds = magnitude / 1000000000;
   unsigned long long const ns = magnitude % 1000000000;
-  std::string text = negative ? "-P" : "P";
-  if (seconds >= 86400) {
-    text += std::to_string(seconds / 86400) + "D";
-    seconds %= 86400;
-  }
-  if (seconds == 0 && ns == 0) return text;
-  text += 'T';
-  if (seconds >= 3600) {
-    text += std::to_string(seconds / 3600) + "H";
-    seconds %= 3600;
-  }
-  if (seconds >= 60) {
-    text += std::to_string(seconds / 60) + "M";
-    seconds %= 60;
-  }
+  impl::TimeText text;
+  text.put(negative ? "-P" : "P");
+  if (seconds >= 86400) text.number(seconds / 86400).put('D');
+  seconds %= 86400;
+  if (seconds == 0 && ns == 0) return text.str();
+  text.put('T');
+  if (seconds >= 3600) text.number(seconds / 3600).put('H');
+  if (seconds % 3600 >= 60) text.number(seconds % 3600 / 60).put('M');
+  seconds %= 60;
   if (seconds != 0 || ns != 0) {
-    text += std::to_string(seconds);
+    text.number(seconds);
     if (ns != 0) {
-      char digits[16];
-      std::snprintf(digits, sizeof(digits), "%09llu", ns);
-      std::string fraction = digits;
-      fraction.erase(fraction.find_last_not_of('0') + 1);
-      text += "." + fraction;
+      size_t const point = text.size();
+      text.put('.').digits(static_cast<uint32_t>(ns), 9).trim_zeros(point + 1);
     }
-    text += 'S';
+    text.put('S');
   }
-  return text;
+  return text.str();
 }
 
 std::ostream& operator<<(std::ostream& stream, RelativeTime const& time) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ostream>
 
+#include "abs_rel_time_internal.h"
 #include "file_ids.h"
 
 namespace tqcore {
@@ -14,16 +15,23 @@ namespace {
 
 char const kFileId[] = TQCORE_FILE_ID("abs_rel_time");
 
-std::string written(AbsoluteTime const& time, char const* format) {
+// "yyyy-mm-dd hh:mm:ss.f" with the fraction's trailing zeros dropped (one digit stays).
+std::string written(AbsoluteTime const& time, char separator, bool zulu) {
   AbsoluteTime::Components const c = time.as_components();
-  char fraction[16];
-  std::snprintf(fraction, sizeof(fraction), "%09u", c.nanosecond());
-  for (int last = 8; last > 0 && fraction[last] == '0'; --last) fraction[last] = '\0';
-  char text[64];
-  int const n = std::snprintf(text, sizeof(text), format, c.year(), c.month(), c.day(), c.hour(),
-                              c.minute(), c.second(), fraction);
-  return std::string(text, static_cast<size_t>(n));
+  impl::TimeText text;
+  // Every AbsoluteTime lies within four-digit years (1601 +- 292).
+  text.digits(static_cast<unsigned>(c.year()), 4);
+  text.put('-').digits(c.month(), 2).put('-').digits(c.day(), 2).put(separator);
+  text.digits(c.hour(), 2).put(':').digits(c.minute(), 2).put(':').digits(c.second(), 2).put('.');
+  size_t const fraction = text.size();
+  text.digits(c.nanosecond(), 9).trim_zeros(fraction + 1);
+  if (zulu) text.put('Z');
+  return text.str();
 }
+
+// Nanoseconds per unit of the n-th fraction digit's place, n = 0..9.
+constexpr uint32_t kScale[10] = {1000000000, 100000000, 10000000, 1000000, 100000,
+                                 10000,      1000,      100,      10,      1};
 
 // Reads the failures of the parser: one code, the text as given, one function name.
 class UtcParser {
@@ -62,6 +70,8 @@ class UtcParser {
   char const* read_field(unsigned limit, uint64_t unit_size);
   char const* common_step(State* state);
   char const* read_fraction();
+  bool read_common_time();
+  bool is_infinite_reading(AbsoluteTime::Components const& date) const;
   char const* run_time_machine();
 
   char const* m_text;
@@ -105,18 +115,67 @@ char const* UtcParser::read_field(unsigned limit, uint64_t unit_size) {
 
 // A fraction of the last field read; the tenth digit of a second rounds.
 char const* UtcParser::read_fraction() {
-  for (; m_p != m_end && *m_p != 'Z' && *m_p != 'z'; ++m_p) {
-    unsigned const d = static_cast<unsigned char>(*m_p) - '0';
-    if (d > 9) return kInvalidTime;
-    if (m_unit == 0) continue;
-    m_unit /= 10;
-    if (m_unit != 0) {
-      m_total += d * m_unit;
+  // The first nine digits as one number: every field's unit is a multiple of 10^9, so this is
+  // exactly the digit-by-digit sum, without a division per digit.
+  char const* p = m_p;
+  uint32_t leading = 0;
+  int n = 0;
+  for (; n < 9 && p != m_end && static_cast<unsigned>(static_cast<unsigned char>(*p) - '0') <= 9u;
+       ++n, ++p) {
+    leading = leading * 10 + static_cast<uint32_t>(*p - '0');
+  }
+  uint64_t unit = m_unit / 1000000000 * kScale[n];
+  uint64_t total = m_total + uint64_t{leading} * unit;
+  char const* failure = nullptr;
+  for (; p != m_end && *p != 'Z' && *p != 'z'; ++p) {
+    unsigned const d = static_cast<unsigned char>(*p) - '0';
+    if (d > 9) {
+      failure = kInvalidTime;
+      break;
+    }
+    if (unit == 0) continue;
+    unit /= 10;
+    if (unit != 0) {
+      total += d * unit;
     } else if (d >= 5) {
-      m_total += 1;
+      total += 1;
     }
   }
-  return nullptr;
+  m_p = p;
+  m_unit = unit;
+  m_total = total;
+  return failure;
+}
+
+// The shape nearly every caller writes, "hh:mm:ss[.fffffffff][Z]", read in one pass. Anything
+// else, including 24:00:00, leap seconds and longer fractions, is left to the state machine,
+// which reads this shape to the same value.
+bool UtcParser::read_common_time() {
+  char const* p = m_p;
+  unsigned hour = 0;
+  unsigned minute = 0;
+  unsigned second = 0;
+  if (!digits(p, 2, &hour) || hour > 23 || m_end - p < 8 || p[2] != ':' ||
+      !digits(p + 3, 2, &minute) || minute > 59 || p[5] != ':' || !digits(p + 6, 2, &second) ||
+      second > 59) {
+    return false;
+  }
+  p += 8;
+  uint32_t fraction = 0;
+  int n = 0;
+  if (p != m_end && *p == '.') {
+    for (++p;
+         n < 9 && p != m_end && static_cast<unsigned>(static_cast<unsigned char>(*p) - '0') <= 9u;
+         ++n, ++p) {
+      fraction = fraction * 10 + static_cast<uint32_t>(*p - '0');
+    }
+    if (n == 0) return false;
+  }
+  if (p != m_end && (*p == 'Z' || *p == 'z')) ++p;
+  if (p != m_end) return false;
+  m_total = hour * kHour + minute * kMinute + second * kSecond + uint64_t{fraction} * kScale[n];
+  m_p = p;
+  return true;
 }
 
 char const* UtcParser::common_step(State* state) {
@@ -185,6 +244,14 @@ char const* UtcParser::run_time_machine() {
   return nullptr;
 }
 
+bool UtcParser::is_infinite_reading(AbsoluteTime::Components const& date) const {
+  AbsoluteTime::Components const& infinite = AbsoluteTime::Components::infinite;
+  uint64_t const time = infinite.hour() * kHour + infinite.minute() * kMinute +
+                        infinite.second() * kSecond + infinite.nanosecond();
+  return date.year() == infinite.year() && date.month() == infinite.month() &&
+         date.day() == infinite.day() && m_total == time;
+}
+
 ErrorInfo::Ptr UtcParser::parse(AbsoluteTime* out) {
   size_t const size = static_cast<size_t>(m_end - m_text);
   if (size < 13) {
@@ -202,17 +269,20 @@ ErrorInfo::Ptr UtcParser::parse(AbsoluteTime* out) {
         "Invalid date/time separator in UTC time string.  Expecting ' ' or 'T': \"{@utcTime}\"");
   }
   ++m_p;
-  if (char const* failure = run_time_machine()) return fail(failure);
+  if (!read_common_time()) {
+    if (char const* failure = run_time_machine()) return fail(failure);
+  }
   if (m_total > 86400000000000ULL) {
     return fail(
         "Invalid time in UTC time string.  Time must be 00:00:00...24:00:00 (inclusive). "
         "\"{@utcTime}\"");
   }
-  components.hour(static_cast<unsigned short>(m_total / kHour));  // 24 is simply added on
-  components.minute(static_cast<unsigned short>(m_total % kHour / kMinute));
-  components.second(static_cast<unsigned short>(m_total % kMinute / kSecond));
-  components.nanosecond(static_cast<unsigned int>(m_total % kSecond));
-  ErrorInfo::Ptr error = AbsoluteTime::from_components_nothrow(components, out);
+  if (is_infinite_reading(components)) {  // the ISO writer's infinity reads back as infinity
+    if (out != nullptr) *out = AbsoluteTime::infinite;
+    return nullptr;
+  }
+  ErrorInfo::Ptr error =
+      impl::time_from_date(components, static_cast<long long>(m_total), out);  // 24:00 adds a day
   if (!error) return nullptr;
   if (error->matches(error::tqcore_absoluteTime_range)) {
     return fail("Components of UTC date/time string exceeds date range: \"{@utcTime}\"", error);
@@ -224,12 +294,12 @@ ErrorInfo::Ptr UtcParser::parse(AbsoluteTime* out) {
 
 std::string AbsoluteTime::as_string() const {
   if (is_infinite()) return "##INFINITE##";
-  return written(*this, "%04d-%02u-%02u %02u:%02u:%02u.%s");
+  return written(*this, ' ', false);
 }
 
 std::string AbsoluteTime::as_iso8601_string() const {
   if (is_infinite()) return "9999-12-31T23:59:59.999999999Z";
-  return written(*this, "%04d-%02u-%02uT%02u:%02u:%02u.%sZ");
+  return written(*this, 'T', true);
 }
 
 ErrorInfo::Ptr AbsoluteTime::from_string_nothrow(char const* text, size_t size, AbsoluteTime* out) {

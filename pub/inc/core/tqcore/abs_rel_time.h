@@ -499,6 +499,7 @@ class TQCORE_EXPORT AbsoluteTime::Components {
 
  private:
   void init_from_jdn(unsigned int jdn);
+  void init_from_unix_day(int32_t day) noexcept;
 
   short m_year = 1970;
   unsigned short m_month = 1;
