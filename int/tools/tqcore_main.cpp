@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -31,6 +32,15 @@ void print_usage(std::ostream& out) {
          "                     at COLS (76; 0 for none); -d decodes, ignoring line breaks; -u\n"
          "                     writes the URL-safe base-64 alphabet. A bad input prints the\n"
          "                     error record and exits 1\n"
+         "  time [now|TEXT|NANOSECONDS]\n"
+         "                     a UTC time (now by default): both text forms, the nanoseconds\n"
+         "                     since 1970 and the Julian date\n"
+         "  duration TEXT|NANOSECONDS\n"
+         "                     a duration (\"1h 30m\", \"PT1H30M\"): both text forms and "
+         "nanoseconds\n"
+         "  datetime TEXT      a date-time with an offset (\"2000-01-01T12:00:00+01:00\"): base,\n"
+         "                     offset, local time and text. A bad TEXT prints the error record\n"
+         "                     and exits 1\n"
          "\n"
          "Options:\n"
          "  --help     show this text\n"
@@ -189,6 +199,79 @@ int run_codec(std::string const& codec, std::vector<std::string> const& args) {
   }
 }
 
+// A whole argument of decimal digits, optionally signed, as a count of nanoseconds.
+bool nanoseconds_argument(std::string const& text, long long* value) {
+  size_t const start = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
+  if (text.size() == start || text.find_first_not_of("0123456789", start) != std::string::npos) {
+    return false;
+  }
+  errno = 0;
+  *value = std::strtoll(text.c_str(), nullptr, 10);
+  return errno == 0;
+}
+
+int print_bad_text(char const* what, tqcore::ErrorInfo::Ptr const& error) {
+  std::cerr << "tqcore " << what << ": invalid text" << error << '\n';
+  return 1;
+}
+
+void print_field(char const* label, std::string const& value) {
+  std::cout << label << std::string(14 - std::strlen(label), ' ') << value << '\n';
+}
+
+int show_time(std::vector<std::string> const& args) {
+  if (args.size() > 1) return usage_error("usage: tqcore time [now|TEXT|NANOSECONDS]");
+  using tqcore::AbsoluteTime;
+  AbsoluteTime time = AbsoluteTime::now();
+  long long nanoseconds = 0;
+  if (args.empty() || args[0] == "now") {
+  } else if (nanoseconds_argument(args[0], &nanoseconds)) {
+    time = AbsoluteTime::from_nsec(nanoseconds);
+  } else if (tqcore::ErrorInfo::Ptr error = AbsoluteTime::from_string_nothrow(args[0], &time)) {
+    return print_bad_text("time", error);
+  }
+  print_field("text:", time.as_string());
+  print_field("ISO 8601:", time.as_iso8601_string());
+  print_field("nanoseconds:", std::to_string(time.as_nsec()));
+  char julian[32];
+  std::snprintf(julian, sizeof(julian), "%.9f", time.full_julian_date());
+  print_field("Julian date:", julian);
+  return 0;
+}
+
+int show_duration(std::vector<std::string> const& args) {
+  if (args.size() != 1) return usage_error("usage: tqcore duration TEXT|NANOSECONDS");
+  using tqcore::RelativeTime;
+  RelativeTime duration;
+  long long nanoseconds = 0;
+  if (nanoseconds_argument(args[0], &nanoseconds)) {
+    duration = RelativeTime::nanoseconds(nanoseconds);
+  } else if (tqcore::ErrorInfo::Ptr error = RelativeTime::from_string_nothrow(args[0], &duration)) {
+    return print_bad_text("duration", error);
+  }
+  print_field("text:", duration.as_string());
+  print_field("ISO 8601:", duration.as_iso8601_string());
+  print_field("nanoseconds:", std::to_string(duration.as_nsec()));
+  return 0;
+}
+
+int show_datetime(std::vector<std::string> const& args) {
+  if (args.size() != 1) return usage_error("usage: tqcore datetime TEXT");
+  tqcore::SimpleDateTime value;
+  tqcore::ErrorInfo::Ptr error;
+  try {
+    error = tqcore::SimpleDateTime::from_string_nothrow(args[0].data(), args[0].size(), &value);
+  } catch (tqcore::ErrorException const& e) {  // an infinite base with an offset raises
+    error = e.error();
+  }
+  if (error) return print_bad_text("datetime", error);
+  print_field("base (UTC):", value.base_time_utc().as_string());
+  print_field("offset:", std::to_string(value.timezone_offset()) + " minutes");
+  print_field("local time:", value.as_local_time().as_string());
+  print_field("text:", value.as_string());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -211,6 +294,9 @@ int main(int argc, char** argv) {
   try {
     if (command == "errno") return show_errno(args);
     if (command == "utf8") return check_utf8(args);
+    if (command == "time") return show_time(args);
+    if (command == "duration") return show_duration(args);
+    if (command == "datetime") return show_datetime(args);
     if (command == "base64" || command == "base32" || command == "hex") {
       return run_codec(command, args);
     }
