@@ -446,5 +446,32 @@ TEST(DurationText, BothFormsRoundTrip) {
   }
 }
 
+// An independent days-from-civil (proleptic Gregorian, eras of 400 years), for the Julian day
+// formulas: day 0 is 1970-01-01, Julian day 2440588.
+long long days_from_civil(long long y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  long long const era = (y >= 0 ? y : y - 399) / 400;
+  unsigned const yoe = static_cast<unsigned>(y - era * 400);
+  unsigned const doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  unsigned const doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<long long>(doe) - 719468;
+}
+
+TEST(Calendar, JulianDaysAgreeWithAnIndependentCalendar) {
+  constexpr long long kUnixJulianDay = 2440588;
+  long long const first = days_from_civil(1, 1, 1) + kUnixJulianDay;
+  long long const last = days_from_civil(9999, 12, 31) + kUnixJulianDay;
+  // Every day of the four centuries around the epoch, and a prime stride over the rest.
+  long long const dense_from = days_from_civil(1800, 1, 1) + kUnixJulianDay;
+  long long const dense_to = days_from_civil(2200, 1, 1) + kUnixJulianDay;
+  for (long long jdn = first; jdn <= last; jdn += (jdn >= dense_from && jdn < dense_to) ? 1 : 97) {
+    Components const c(static_cast<int>(jdn));
+    ASSERT_EQ(days_from_civil(c.year(), c.month(), c.day()) + kUnixJulianDay, jdn);
+    ASSERT_EQ(c.julian_day(), jdn);
+    ASSERT_GE(c.day(), 1);
+    ASSERT_LE(c.day(), 31);
+  }
+}
+
 }  // namespace
 }  // namespace tqcore
