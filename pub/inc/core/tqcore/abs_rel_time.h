@@ -206,9 +206,36 @@ class TQCORE_EXPORT TimeBase {
 
 }  // namespace impl
 
+namespace impl {
+
+// The six comparisons of a time value, by its count: one definition for both value types.
+template <class T>
+struct TimeOrdering {
+  friend constexpr bool operator==(T const& a, T const& b) noexcept {
+    return a.as_nsec() == b.as_nsec();
+  }
+  friend constexpr bool operator!=(T const& a, T const& b) noexcept {
+    return a.as_nsec() != b.as_nsec();
+  }
+  friend constexpr bool operator<(T const& a, T const& b) noexcept {
+    return a.as_nsec() < b.as_nsec();
+  }
+  friend constexpr bool operator<=(T const& a, T const& b) noexcept {
+    return a.as_nsec() <= b.as_nsec();
+  }
+  friend constexpr bool operator>(T const& a, T const& b) noexcept {
+    return a.as_nsec() > b.as_nsec();
+  }
+  friend constexpr bool operator>=(T const& a, T const& b) noexcept {
+    return a.as_nsec() >= b.as_nsec();
+  }
+};
+
+}  // namespace impl
+
 class AbsoluteTime;
 
-class TQCORE_EXPORT RelativeTime : public impl::TimeBase {
+class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrdering<RelativeTime> {
  public:
   struct TimeValueInit_t {};
 
@@ -290,25 +317,6 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase {
   static ErrorInfo::Ptr from_string_nothrow(std::string const& text, RelativeTime* out);
   static RelativeTime from_string(std::string const& text);
 
-  friend constexpr bool operator==(RelativeTime const& a, RelativeTime const& b) noexcept {
-    return a.m_value == b.m_value;
-  }
-  friend constexpr bool operator!=(RelativeTime const& a, RelativeTime const& b) noexcept {
-    return a.m_value != b.m_value;
-  }
-  friend constexpr bool operator<(RelativeTime const& a, RelativeTime const& b) noexcept {
-    return a.m_value < b.m_value;
-  }
-  friend constexpr bool operator<=(RelativeTime const& a, RelativeTime const& b) noexcept {
-    return a.m_value <= b.m_value;
-  }
-  friend constexpr bool operator>(RelativeTime const& a, RelativeTime const& b) noexcept {
-    return a.m_value > b.m_value;
-  }
-  friend constexpr bool operator>=(RelativeTime const& a, RelativeTime const& b) noexcept {
-    return a.m_value >= b.m_value;
-  }
-
  private:
   friend class AbsoluteTime;
   friend class MonotonicTimeBase;
@@ -326,7 +334,7 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase {
   }
 };
 
-class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
+class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrdering<AbsoluteTime> {
  public:
   class Components;
 
@@ -422,25 +430,6 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
     return RelativeTime::nanoseconds(saturating_difference(a.m_value, b.m_value));
   }
 
-  friend constexpr bool operator==(AbsoluteTime const& a, AbsoluteTime const& b) noexcept {
-    return a.m_value == b.m_value;
-  }
-  friend constexpr bool operator!=(AbsoluteTime const& a, AbsoluteTime const& b) noexcept {
-    return a.m_value != b.m_value;
-  }
-  friend constexpr bool operator<(AbsoluteTime const& a, AbsoluteTime const& b) noexcept {
-    return a.m_value < b.m_value;
-  }
-  friend constexpr bool operator<=(AbsoluteTime const& a, AbsoluteTime const& b) noexcept {
-    return a.m_value <= b.m_value;
-  }
-  friend constexpr bool operator>(AbsoluteTime const& a, AbsoluteTime const& b) noexcept {
-    return a.m_value > b.m_value;
-  }
-  friend constexpr bool operator>=(AbsoluteTime const& a, AbsoluteTime const& b) noexcept {
-    return a.m_value >= b.m_value;
-  }
-
  private:
   friend class MonotonicTimeBase;
   struct Raw {};
@@ -449,6 +438,9 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase {
 };
 
 // A date and time of the proleptic Gregorian calendar, UTC. Setters store without checking.
+static_assert(sizeof(RelativeTime) == 8 && sizeof(AbsoluteTime) == 8,
+              "time values are one 64-bit count; the ordering base must stay empty");
+
 class TQCORE_EXPORT AbsoluteTime::Components {
  public:
   // 9999-12-31 23:59:59.999999999: the calendar form of the infinite time.
