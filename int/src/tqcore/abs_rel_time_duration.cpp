@@ -40,6 +40,47 @@ ErrorInfo::Ptr iso_error(char const* message, std::string const& text, char cons
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
+// The size of an ISO unit letter in nanoseconds (0 for a zero year or month, which add
+// nothing), or the failure message for the letter at its place.
+char const* iso_unit(char letter, bool t_seen, bool nonzero, uint64_t* size) {
+  static char const ambiguous[] =
+      "Units Y(year) and M(onth) are not supported because they are ambiguous without a "
+      "reference date (position {@stringPos}): \"{@timeString}\"";
+  switch (letter | 0x20) {
+    case 'y':
+      if (t_seen) {
+        return "Unit Y(year) not supported after the 'T' separator (position {@stringPos}): "
+               "\"{@timeString}\"";
+      }
+      return nonzero ? ambiguous : nullptr;
+    case 'm':  // months before the 'T', minutes after it
+      if (t_seen) *size = 60000000000ULL;
+      return !t_seen && nonzero ? ambiguous : nullptr;
+    case 'w':
+      *size = 604800000000000ULL;
+      return t_seen ? "Unit W(eeks) not supported after the 'T' separator (position "
+                      "{@stringPos}): \"{@timeString}\""
+                    : nullptr;
+    case 'd':
+      *size = 86400000000000ULL;
+      return t_seen ? "Unit D(ays) not supported after the 'T' separator (position "
+                      "{@stringPos}): \"{@timeString}\""
+                    : nullptr;
+    case 'h':
+      *size = 3600000000000ULL;
+      return t_seen ? nullptr
+                    : "Unit H(ours) not supported before the 'T' separator (position "
+                      "{@stringPos}): \"{@timeString}\"";
+    case 's':  // seconds need no 'T', by decision
+      *size = 1000000000ULL;
+      return nullptr;
+    default:
+      return is_digit(letter) ? "Value of time segment exceeds 2^63-1 at position {@stringPos}: "
+                                "\"{@timeString}\""
+                              : "Unexpected time unit at position {@stringPos}: \"{@timeString}\"";
+  }
+}
+
 char const kSyntax[] = "Syntax error processing time string \"{@timeString}\", length={@length}";
 char const kOverflow[] =
     "Value overflow processing time string \"{@timeString}\", length={@length}";
@@ -272,66 +313,11 @@ ErrorInfo::Ptr RelativeTime::parse_iso8601_duration(std::string const& text, cha
             "Expecting unit after time value digits (position {@stringPos}): \"{@timeString}\"",
             text, position);
       }
-      bool const nonzero = whole != 0 || numerator != 0;
-      char const* const ambiguous =
-          "Units Y(year) and M(onth) are not supported because they are ambiguous without a "
-          "reference date (position {@stringPos}): \"{@timeString}\"";
-      switch (*position | 0x20) {
-        case 'y':
-          if (t_seen) {
-            return iso_error(
-                "Unit Y(year) not supported after the 'T' separator (position {@stringPos}): "
-                "\"{@timeString}\"",
-                text, position);
-          }
-          if (nonzero) return iso_error(ambiguous, text, position);
-          break;
-        case 'm':
-          if (!t_seen) {
-            if (nonzero) return iso_error(ambiguous, text, position);
-          } else {
-            add_time_value_of_unit(value, 60000000000ULL, whole, numerator, denominator);
-          }
-          break;
-        case 'w':
-          if (t_seen) {
-            return iso_error(
-                "Unit W(eeks) not supported after the 'T' separator (position {@stringPos}): "
-                "\"{@timeString}\"",
-                text, position);
-          }
-          add_time_value_of_unit(value, 604800000000000ULL, whole, numerator, denominator);
-          break;
-        case 'd':
-          if (t_seen) {
-            return iso_error(
-                "Unit D(ays) not supported after the 'T' separator (position {@stringPos}): "
-                "\"{@timeString}\"",
-                text, position);
-          }
-          add_time_value_of_unit(value, 86400000000000ULL, whole, numerator, denominator);
-          break;
-        case 'h':
-          if (!t_seen) {
-            return iso_error(
-                "Unit H(ours) not supported before the 'T' separator (position {@stringPos}): "
-                "\"{@timeString}\"",
-                text, position);
-          }
-          add_time_value_of_unit(value, 3600000000000ULL, whole, numerator, denominator);
-          break;
-        case 's':  // seconds need no 'T', by decision
-          add_time_value_of_unit(value, 1000000000ULL, whole, numerator, denominator);
-          break;
-        default:
-          if (is_digit(*position)) {
-            return iso_error(
-                "Value of time segment exceeds 2^63-1 at position {@stringPos}: \"{@timeString}\"",
-                text, position);
-          }
-          return iso_error("Unexpected time unit at position {@stringPos}: \"{@timeString}\"", text,
-                           position);
+      uint64_t unit = 0;
+      if (char const* failure = iso_unit(*position, t_seen, whole != 0 || numerator != 0, &unit)) {
+        return iso_error(failure, text, position);
       }
+      if (unit != 0) add_time_value_of_unit(value, unit, whole, numerator, denominator);
     }
     if (++position == end) return nullptr;
   }
