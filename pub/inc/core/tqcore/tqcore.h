@@ -11,6 +11,7 @@
 #include <tqcore/refcounted.h>
 #include <tqcore/safe_cast.h>
 #include <tqcore/simple_date_time.h>
+#include <tqcore/thread_mutex.h>
 #include <tqcore/source_string.h>
 #include <tqcore/static_instance.h>
 #include <tqcore/streamers.h>
