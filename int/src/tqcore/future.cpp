@@ -1,5 +1,11 @@
-// Thread primitives under the asynchronous results.
+// Thread primitives and the future under the asynchronous results.
+#include <tqcore/error_exception.h>
+#include <tqcore/future.h>
 #include <tqcore/thread_mutex.h>
+
+#include <cerrno>
+
+#include "file_ids.h"
 
 namespace tqcore {
 
@@ -27,4 +33,127 @@ int ThreadCondition::signal() { return ACE_OS::cond_signal(&m_condition); }
 
 int ThreadCondition::broadcast() { return ACE_OS::cond_broadcast(&m_condition); }
 
+}  // namespace tqcore
+
+// ---- Future ----------------------------------------------------------------------------------
+
+namespace tqcore {
+namespace impl {
+namespace {
+
+char const kFileId[] = TQCORE_FILE_ID("future");
+
+}  // namespace
+
+FutureImplBase::FutureImplBase()
+    : m_event(1, 0, USYNC_THREAD, static_cast<ACE_TCHAR const*>(nullptr), nullptr,
+              LPSECURITY_ATTRIBUTES()) {}
+
+FutureImplBase::~FutureImplBase() {
+  while (!m_observers.empty()) m_observers.pop_back();  // last registered first, none notified
+}
+
+void FutureImplBase::wait_failed() const {
+  throw_errno(SourceLocation("tqcore::impl::FutureImplBase::wait()", kFileId, __LINE__), errno);
+}
+
+void FutureImplBase::wait() const {
+  if (ready_unlocked()) return;
+  if (m_event.wait() == -1) wait_failed();
+}
+
+bool FutureImplBase::wait(AbsoluteTime const& deadline) const {
+  if (ready_unlocked()) return true;
+  if (m_event.wait(deadline.as_ace_timeout(), 1) != -1) return true;
+  if (errno != ETIME) wait_failed();
+  return false;
+}
+
+bool FutureImplBase::wait(RelativeTime const& timeout) const {
+  if (ready_unlocked()) return true;
+  if (m_event.wait(timeout.as_ace_timeout(), 0) != -1) return true;
+  if (errno != ETIME) wait_failed();
+  return false;
+}
+
+bool FutureImplBase::is_ready() const {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  return ready_unlocked();
+}
+
+bool FutureImplBase::has_error() const {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  return ready_unlocked() && m_error;
+}
+
+bool FutureImplBase::has_value() const {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  return ready_unlocked() && !m_error;
+}
+
+ErrorInfo::Ptr FutureImplBase::error_info() const {
+  if (!ready_unlocked()) return nullptr;
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  return m_error;
+}
+
+bool FutureImplBase::set(ErrorInfo::Ptr error) {
+  if (!error) {
+    throw_with_nested_errno(
+        error::tqcore_future_nullError, "Cannot signal Future with a NULL error",
+        SourceLocation("tqcore::impl::FutureImplBase::set()", kFileId, __LINE__), EINVAL);
+  }
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  if (ready_unlocked()) return false;
+  notify_observers([&](IFutureObserverBase* observer) { observer->future_failed(error); });
+  m_error.swap(error);
+  signal_ready();
+  return true;
+}
+
+void FutureImplBase::signal_ready() {
+  m_ready.store(true, std::memory_order_release);
+  m_event.signal();
+}
+
+FutureImplBase::Observer* FutureImplBase::find_observer(IFutureObserverBase* observer) {
+  for (Observer& entry : m_observers) {
+    if (entry.get() == observer) return &entry;
+  }
+  return m_observers.data() + m_observers.size();
+}
+
+bool FutureImplBase::add_observer(IFutureObserverBase* observer,
+                                  RefCountPtr<RefCounted<AtomicRefCount>> owner) {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  if (ready_unlocked()) return false;
+  m_observers.emplace_back(observer, std::move(owner));
+  return true;
+}
+
+bool FutureImplBase::remove_observer(IFutureObserverBase* observer) {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  Observer* const found = find_observer(observer);
+  if (found == m_observers.data() + m_observers.size()) return false;
+  m_observers.erase(m_observers.begin() + (found - m_observers.data()));
+  return true;
+}
+
+bool FutureImpl<void>::set() {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  if (ready_unlocked()) return false;
+  notify_observers([](IFutureObserverBase* observer) { observer->future_succeeded(); });
+  signal_ready();
+  return true;
+}
+
+void FutureImpl<void>::get() const {
+  wait();
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  if (m_error) raise_future_error(m_error);
+}
+
+void raise_future_error(ErrorInfo::Ptr const& error) { ErrorException::throw_error(error); }
+
+}  // namespace impl
 }  // namespace tqcore

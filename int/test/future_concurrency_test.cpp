@@ -1,0 +1,53 @@
+// Futures crossing threads; run under ThreadSanitizer too.
+#include <tqcore/future.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace tqcore {
+namespace {
+
+TEST(FutureThreads, EveryWaiterIsReleasedAndLateWaitersDoNotBlock) {
+  for (int round = 0; round < 20; ++round) {
+    Future<int> future;
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters;
+    for (int k = 0; k < 4; ++k) {
+      waiters.emplace_back([future, &released, k] {
+        if (k % 2 == 0) {
+          future.wait();
+        } else {
+          while (!future.wait(RelativeTime::milliseconds(1))) {
+          }
+        }
+        EXPECT_EQ(future.get(), 42);
+        released.fetch_add(1);
+      });
+    }
+    std::thread setter([future] { EXPECT_TRUE(future.set(42)); });
+    setter.join();
+    for (std::thread& waiter : waiters) waiter.join();
+    EXPECT_EQ(released.load(), 4);
+    EXPECT_TRUE(future.wait(AbsoluteTime::infinite));
+  }
+}
+
+TEST(FutureThreads, ExactlyOneOfManySettersWins) {
+  Future<int> future;
+  std::atomic<int> winners{0};
+  std::vector<std::thread> setters;
+  for (int k = 0; k < 4; ++k) {
+    setters.emplace_back([future, &winners, k] {
+      if (future.set(k)) winners.fetch_add(1);
+    });
+  }
+  for (std::thread& setter : setters) setter.join();
+  EXPECT_EQ(winners.load(), 1);
+  EXPECT_GE(future.get(), 0);
+}
+
+}  // namespace
+}  // namespace tqcore

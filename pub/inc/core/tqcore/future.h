@@ -1,0 +1,185 @@
+// A one-shot waitable cell: set exactly once, with success (and a value) or with an ErrorInfo;
+// any number of threads can test it, block until it is set, or have observers called at the
+// moment it is set. The only object of the asynchronous results that blocks a thread.
+#pragma once
+
+#include <tqcore/abs_rel_time.h>
+#include <tqcore/error_info.h>
+#include <tqcore/refcount_ptr.h>
+#include <tqcore/refcounted.h>
+#include <tqcore/tqcore_export.h>
+
+#include <ace/Event.h>
+#include <ace/Guard_T.h>
+#include <ace/Thread_Mutex.h>
+#include <ace/Time_Policy.h>
+
+#include <atomic>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace tqcore {
+
+// Called on the setting thread with the future's lock held: do little, and never wait on
+// anything that could need this future.
+class IFutureObserverBase {
+ public:
+  virtual void future_failed(ErrorInfo::Ptr const& error) = 0;
+  // Success of a Future<void>.
+  virtual void future_succeeded() = 0;
+
+ protected:
+  ~IFutureObserverBase() = default;
+};
+
+// The observer of a Future<T>: success comes with the value.
+template <class T>
+class IFutureObserver : public IFutureObserverBase {
+ public:
+  virtual void future_succeeded(T const& value) = 0;
+
+ protected:
+  ~IFutureObserver() = default;
+
+ private:
+  void future_succeeded() final {}  // a typed future makes the call above instead
+};
+
+template <>
+class IFutureObserver<void> : public IFutureObserverBase {
+ protected:
+  ~IFutureObserver() = default;
+};
+
+namespace impl {
+
+class TQCORE_EXPORT FutureImplBase : public RefCounted<AtomicRefCount> {
+ public:
+  using Observer = InterfacePtr<IFutureObserverBase, RefCountPtr<RefCounted<AtomicRefCount>>>;
+
+  ~FutureImplBase() override;
+
+  // A set future costs no lock: one byte load.
+  void wait() const;
+  bool wait(AbsoluteTime const& deadline) const;  // false on timeout
+  bool wait(RelativeTime const& timeout) const;
+  bool is_ready() const;
+  bool has_error() const;
+  bool has_value() const;
+  ErrorInfo::Ptr error_info() const;
+  // Fails the future; a null error raises even on a future already set. False when it was set.
+  bool set(ErrorInfo::Ptr error);
+
+  // Adds an observer kept alive by `owner` until the future is set or it is removed. On a
+  // future already set nothing is stored and false comes back: the caller reads the outcome.
+  bool add_observer(IFutureObserverBase* observer, RefCountPtr<RefCounted<AtomicRefCount>> owner);
+  bool remove_observer(IFutureObserverBase* observer);
+
+ protected:
+  FutureImplBase();
+
+  // For a derived class that holds the lock.
+  void signal_ready();
+  Observer* find_observer(IFutureObserverBase* observer);
+  bool ready_unlocked() const noexcept { return m_ready.load(std::memory_order_acquire); }
+  // Calls `notify` on every observer in order, then forgets them all. An exception leaves with
+  // every observer still in place.
+  template <class F>
+  void notify_observers(F notify) {
+    for (Observer& observer : m_observers) notify(observer.get());
+    m_observers.clear();
+  }
+  void wait_failed() const;
+
+  mutable ACE_Thread_Mutex m_lock;
+  // Atomic only so that the unlocked reads are defined; on x86-64 they are plain byte loads.
+  std::atomic<bool> m_ready{false};
+  ErrorInfo::Ptr m_error;
+  std::vector<Observer> m_observers;
+  mutable ACE_Event_T<ACE_System_Time_Policy> m_event;
+};
+
+template <class T>
+class FutureImpl : public FutureImplBase {
+ public:
+  using FutureImplBase::set;
+
+  // The value is written before the flag; false when the future was already set.
+  bool set(T value) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+    if (ready_unlocked()) return false;
+    notify_observers([&](IFutureObserverBase* o) {
+      static_cast<IFutureObserver<T>*>(o)->future_succeeded(value);
+    });
+    m_value.emplace(std::move(value));
+    signal_ready();
+    return true;
+  }
+  // Blocks until set; raises the stored error, the same record on every call.
+  T const& get() const {
+    wait();
+    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+    if (m_error) raise_stored_error();
+    return *m_value;  // never changes once set
+  }
+
+ private:
+  [[noreturn]] void raise_stored_error() const;
+  std::optional<T> m_value;
+};
+
+template <>
+class TQCORE_EXPORT FutureImpl<void> : public FutureImplBase {
+ public:
+  using FutureImplBase::set;
+  bool set();
+  void get() const;
+};
+
+[[noreturn]] TQCORE_EXPORT void raise_future_error(ErrorInfo::Ptr const& error);
+
+template <class T>
+void FutureImpl<T>::raise_stored_error() const {
+  raise_future_error(m_error);
+}
+
+}  // namespace impl
+
+// A handle on a shared cell: copies share it, and it lives as long as any handle.
+template <class T = void>
+class Future {
+ public:
+  Future() : m_impl(new impl::FutureImpl<T>) {}
+
+  void wait() const { m_impl->wait(); }
+  bool wait(AbsoluteTime const& deadline) const { return m_impl->wait(deadline); }
+  bool wait(RelativeTime const& timeout) const { return m_impl->wait(timeout); }
+  bool is_ready() const { return m_impl->is_ready(); }
+  bool has_value() const { return m_impl->has_value(); }
+  bool has_error() const { return m_impl->has_error(); }
+  ErrorInfo::Ptr error_info() const { return m_impl->error_info(); }
+
+  bool set(ErrorInfo::Ptr error) const { return m_impl->set(std::move(error)); }
+  template <class... Value>
+  bool set(Value&&... value) const {
+    return m_impl->set(std::forward<Value>(value)...);
+  }
+  decltype(auto) get() const { return m_impl->get(); }
+
+  bool add_observer(IFutureObserver<T>* observer,
+                    RefCountPtr<RefCounted<AtomicRefCount>> owner) const {
+    return m_impl->add_observer(observer, std::move(owner));
+  }
+  bool remove_observer(IFutureObserver<T>* observer) const {
+    return m_impl->remove_observer(observer);
+  }
+
+  friend bool operator==(Future const& a, Future const& b) noexcept { return a.m_impl == b.m_impl; }
+  friend bool operator!=(Future const& a, Future const& b) noexcept { return !(a == b); }
+
+ private:
+  RefCountPtr<impl::FutureImpl<T>> m_impl;
+};
+
+}  // namespace tqcore
