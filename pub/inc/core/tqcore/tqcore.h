@@ -10,6 +10,7 @@
 #include <tqcore/future.h>
 #include <tqcore/refcount_ptr.h>
 #include <tqcore/refcounted.h>
+#include <tqcore/result.h>
 #include <tqcore/safe_cast.h>
 #include <tqcore/simple_date_time.h>
 #include <tqcore/source_string.h>

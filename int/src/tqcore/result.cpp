@@ -1,0 +1,80 @@
+// The reading side of asynchronous results, and the records shared by every raise.
+#include <tqcore/error_exception.h>
+#include <tqcore/result.h>
+
+#include <atomic>
+
+#include "file_ids.h"
+
+namespace tqcore {
+namespace impl {
+namespace {
+
+char const kFileId[] = TQCORE_FILE_ID("result");
+
+// One record per process, built at first use and published by compare-and-exchange; the cell
+// keeps its own reference, so the record is never released and never rebuilt.
+class CachedRecord {
+ public:
+  CachedRecord(ErrorCode const& code, char const* message, char const* function, int line)
+      : m_code(code), m_message(message), m_function(function), m_line(line) {}
+
+  ErrorInfo::Ptr get() {
+    ErrorInfo const* cached = m_cell.load(std::memory_order_acquire);
+    if (cached != nullptr) return ErrorInfo::Ptr(cached);
+    ErrorInfo::Ptr own =
+        ErrorInfo::create(m_code, m_message, SourceLocation(m_function, kFileId, m_line));
+    if (!m_cell.compare_exchange_strong(cached, own.get(), std::memory_order_acq_rel)) {
+      return ErrorInfo::Ptr(cached);  // another thread won: its record, ours is dropped
+    }
+    ErrorInfo::Ptr(own).detach();  // the reference the cell keeps
+    return own;
+  }
+
+ private:
+  ErrorCode const& m_code;
+  char const* m_message;
+  char const* m_function;
+  int m_line;
+  std::atomic<ErrorInfo const*> m_cell{nullptr};
+};
+
+char const kCancelled[] = "Operation cancelled";
+// One colon, as callers have long matched it.
+char const kCancelFunction[] = "tqcore:impl::create_result_cancel_error()";
+
+CachedRecord g_cancelled(error::tqcore_result_cancelled, kCancelled, kCancelFunction, __LINE__);
+CachedRecord g_null_error(error::tqcore_result_badParameter, "Null ErrorInfo pointer",
+                          "tqcore::impl::raise_result_failure_null()", __LINE__);
+CachedRecord g_not_waitable(
+    error::tqcore_result_notWaitable,
+    "Operation requiring a waitable object attemped on a Result which is not waitable.",
+    "tqcore::impl::raise_not_waitable_error()", __LINE__);
+
+}  // namespace
+
+ErrorInfo::Ptr create_result_cancel_error(ErrorInfo::Ptr const& reason) {
+  if (!reason) return g_cancelled.get();
+  return ErrorInfo::create(error::tqcore_result_cancelled, kCancelled,
+                           SourceLocation(kCancelFunction, kFileId, __LINE__), reason);
+}
+
+void raise_result_failure_null() { ErrorException::throw_error(g_null_error.get()); }
+
+void raise_not_waitable_error() { ErrorException::throw_error(g_not_waitable.get()); }
+
+void raise_result_error(ErrorInfo::Ptr const& error) { ErrorException::throw_error(error); }
+
+}  // namespace impl
+
+void ResultBase::throw_if_error() const {
+  if (ErrorInfo::Ptr error = error_info()) ErrorException::throw_error(error);
+}
+
+void AsyncOpHandle::cancel(bool force, ErrorInfo::Ptr const& reason) {
+  RefCountPtr<impl::AsyncOp const> op;
+  op.swap(m_op);
+  if (op) op->cancel(force, reason);
+}
+
+}  // namespace tqcore
