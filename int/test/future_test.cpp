@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -146,6 +147,16 @@ TEST(TypedFuture, CarriesTheValueToObserversAndReaders) {
   Future<int> failed;
   failed.set(failure("error.test.typed"));
   EXPECT_THROW(failed.get(), ErrorException);
+}
+
+TEST(TypedFuture, HoldsMoveOnlyValuesInPlace) {
+  Future<std::unique_ptr<int>> future;
+  EXPECT_TRUE(future.set(std::make_unique<int>(5)));
+  EXPECT_FALSE(future.set(std::make_unique<int>(6)));
+  std::unique_ptr<int> const& held = future.get();
+  ASSERT_TRUE(held);
+  EXPECT_EQ(*held, 5);
+  EXPECT_EQ(&future.get(), &held);  // the same stored value on every call
 }
 
 }  // namespace

@@ -117,11 +117,14 @@ class FutureImpl : public FutureImplBase {
     return true;
   }
   // Blocks until set; raises the stored error, the same record on every call.
+  // Returns a reference to the stored value, valid while any handle lives; a move-only T is
+  // read in place.
   T const& get() const {
     wait();
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+    // Once ready, the error and the value never change, and the flag's acquire load made them
+    // visible: no lock needed.
     if (m_error) raise_stored_error();
-    return *m_value;  // never changes once set
+    return *m_value;
   }
 
  private:
