@@ -18,6 +18,7 @@
 #include <tqcore/streamers.h>
 #include <tqcore/string_to.h>
 #include <tqcore/string_util.h>
+#include <tqcore/task.h>
 #include <tqcore/thread_mutex.h>
 #include <tqcore/tqcore_export.h>
 #include <tqcore/transforms.h>
