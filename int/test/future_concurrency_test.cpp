@@ -1,4 +1,5 @@
 // Futures crossing threads; run under ThreadSanitizer too.
+#include <tqcore/barrier.h>
 #include <tqcore/future.h>
 
 #include <gtest/gtest.h>
@@ -47,6 +48,28 @@ TEST(FutureThreads, ExactlyOneOfManySettersWins) {
   for (std::thread& setter : setters) setter.join();
   EXPECT_EQ(winners.load(), 1);
   EXPECT_GE(future.get(), 0);
+}
+
+}  // namespace
+}  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+TEST(FutureThreads, BarrierWaitsWhileOthersComplete) {
+  std::vector<Future<int>> futures(6);
+  AnyFutureBarrier barrier;
+  for (Future<int> const& future : futures) barrier.push_back(future);
+  std::vector<std::thread> setters;
+  for (size_t k = futures.size(); k-- > 0;) {  // the last first
+    setters.emplace_back([future = futures[k], k] { future.set(static_cast<int>(k)); });
+  }
+  EXPECT_TRUE(barrier.wait(AbsoluteTime::infinite));
+  EXPECT_TRUE(barrier.all_successful());
+  for (std::thread& setter : setters) setter.join();
+  EXPECT_EQ(barrier.set_error_if_not_ready(ErrorInfo::create(ErrorCode("error.test.late"), "late",
+                                                             SourceLocation("t", "f", 1))),
+            0u);
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 // Thread primitives and the future under the asynchronous results.
+#include <tqcore/barrier.h>
 #include <tqcore/error_exception.h>
 #include <tqcore/future.h>
 #include <tqcore/thread_mutex.h>
 
 #include <cerrno>
+#include <typeinfo>
 
 #include "file_ids.h"
 
@@ -161,4 +163,27 @@ void FutureImpl<void>::get() const {
 void raise_future_error(ErrorInfo::Ptr const& error) { ErrorException::throw_error(error); }
 
 }  // namespace impl
+}  // namespace tqcore
+
+// ---- Barrier of futures ----------------------------------------------------------------------
+
+namespace tqcore {
+namespace {
+
+// A plain exception of the standard kind: typed access is a programming error, not an outcome.
+class BadFutureCast : public std::bad_cast {
+ public:
+  char const* what() const noexcept override { return "AnyFutureBarrier : bad future cast"; }
+};
+
+}  // namespace
+
+size_t AnyFutureBarrier::set_error_if_not_ready(ErrorInfo::Ptr const& error) const {
+  size_t count = 0;
+  for (AnyFuture const& element : m_elements) count += element.cell().set(error) ? 1 : 0;
+  return count;
+}
+
+void AnyFutureBarrier::raise_bad_future_cast() { throw BadFutureCast(); }
+
 }  // namespace tqcore

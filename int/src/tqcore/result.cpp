@@ -1,5 +1,6 @@
 // The reading side of asynchronous results, the records shared by every raise, and the
 // records of the task model.
+#include <tqcore/barrier.h>
 #include <tqcore/error_builder.h>
 #include <tqcore/error_exception.h>
 #include <tqcore/result.h>
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <sstream>
 #include <string>
+#include <typeinfo>
 
 #include "file_ids.h"
 
@@ -126,4 +128,20 @@ ErrorInfo::Ptr task_expired_error(void const* task, RelativeTime const& remainin
 }
 
 }  // namespace impl
+}  // namespace tqcore
+
+// ---- Barrier of results ----------------------------------------------------------------------
+
+namespace tqcore {
+namespace impl {
+
+class BadResultCast : public std::bad_cast {
+ public:
+  char const* what() const noexcept override { return "AnyResultBarrier : bad result cast"; }
+};
+
+}  // namespace impl
+
+void AnyResultBarrier::raise_bad_result_cast() { throw impl::BadResultCast(); }
+
 }  // namespace tqcore

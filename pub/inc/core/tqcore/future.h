@@ -154,6 +154,8 @@ template <class T = void>
 class Future {
  public:
   Future() : m_impl(new impl::FutureImpl<T>) {}
+  // Another handle on an existing cell.
+  explicit Future(RefCountPtr<impl::FutureImpl<T>> cell) noexcept : m_impl(std::move(cell)) {}
 
   void wait() const { m_impl->wait(); }
   bool wait(AbsoluteTime const& deadline) const { return m_impl->wait(deadline); }
@@ -177,6 +179,8 @@ class Future {
   bool remove_observer(IFutureObserver<T>* observer) const {
     return m_impl->remove_observer(observer);
   }
+
+  RefCountPtr<impl::FutureImpl<T>> const& cell() const noexcept { return m_impl; }
 
   friend bool operator==(Future const& a, Future const& b) noexcept { return a.m_impl == b.m_impl; }
   friend bool operator!=(Future const& a, Future const& b) noexcept { return !(a == b); }

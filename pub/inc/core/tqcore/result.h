@@ -17,6 +17,7 @@ namespace tqcore {
 class AnyResultBarrier;
 
 namespace impl {
+class AnyResultElement;
 
 // "Operation cancelled", with `reason` as its cause; without a reason, one shared record.
 TQCORE_EXPORT ErrorInfo::Ptr create_result_cancel_error(ErrorInfo::Ptr const& reason);
@@ -153,8 +154,7 @@ class TQCORE_EXPORT ResultBase {
 
  private:
   friend class AsyncOpHandle;
-  template <class>
-  friend class Result;
+  friend class impl::AnyResultElement;
 };
 
 template <class T = void>
@@ -183,9 +183,9 @@ class Result : public ResultBase {
  private:
   friend class AnyResultBarrier;
   // The typed result behind an untyped one; a different type gives an Empty result.
-  static Result dynamic_cast_from(ResultBase const& result) {
-    auto const* typed = dynamic_cast<impl::ResultImpl<T> const*>(result.m_impl.get());
-    return Result(RefCountPtr<impl::ResultImpl<T> const>(typed));
+  static Result dynamic_cast_from(RefCountPtr<impl::ResultImplBase const> const& result) {
+    return Result(RefCountPtr<impl::ResultImpl<T> const>(
+        dynamic_cast<impl::ResultImpl<T> const*>(result.get())));
   }
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
+#include <tqcore/barrier.h>
 #include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
 #include <tqcore/error_exception.h>
