@@ -20,14 +20,6 @@ bool held_elsewhere(ThreadMutex& mutex) {
   return result == -1;
 }
 
-TEST(ThreadPrimitives, NullMutexAlwaysSucceeds) {
-  NullMutex mutex;
-  EXPECT_EQ(mutex.tryacquire(), 0);
-  EXPECT_EQ(mutex.tryacquire(), 0);
-  EXPECT_EQ(mutex.acquire(), 0);
-  EXPECT_EQ(mutex.release(), 0);
-}
-
 TEST(ThreadPrimitives, MutexExcludesOtherThreads) {
   ThreadMutex mutex;
   EXPECT_FALSE(held_elsewhere(mutex));

@@ -21,10 +21,11 @@ namespace {
 char const kFileId[] = TQCORE_FILE_ID("result");
 
 // One record per process, built at first use and published by compare-and-exchange; the cell
-// keeps its own reference, so the record is never released and never rebuilt.
+// keeps its own reference, so the record is never released and never rebuilt. The constexpr
+// constructor makes the cells constant-initialised: nothing runs at load.
 class CachedRecord {
  public:
-  CachedRecord(ErrorCode const& code, char const* message, char const* function, int line)
+  constexpr CachedRecord(ErrorCode const& code, char const* message, char const* function, int line)
       : m_code(code), m_message(message), m_function(function), m_line(line) {}
 
   ErrorInfo::Ptr get() {
