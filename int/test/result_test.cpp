@@ -3,25 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include "async_test_support.h"
+
 #include <string>
 
 namespace tqcore {
 namespace {
 
-ErrorInfo::Ptr failure(char const* code) {
-  return ErrorInfo::create(ErrorCode(code), "failed", SourceLocation("test", "result_test", 1));
-}
-
-// The record a call raises, or null when it returns.
-template <class F>
-ErrorInfo::Ptr raised_by(F call) {
-  try {
-    call();
-  } catch (ErrorException const& e) {
-    return e.error();
-  }
-  return nullptr;
-}
+using tqcore_test::failure;
+using tqcore_test::raised_by;
 
 TEST(Result, EmptyIsNotAFailureButCannotBeWaitedOn) {
   Result<> const empty;

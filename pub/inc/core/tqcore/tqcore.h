@@ -12,6 +12,8 @@
 #include <tqcore/refcount_ptr.h>
 #include <tqcore/refcounted.h>
 #include <tqcore/result.h>
+#include <tqcore/result_auto_signal.h>
+#include <tqcore/result_control.h>
 #include <tqcore/safe_cast.h>
 #include <tqcore/simple_date_time.h>
 #include <tqcore/source_string.h>

@@ -1,0 +1,503 @@
+// Controls and handlers with the signalling check off (the default): what each delivers, what
+// each refuses, cancellation at each stage, and the records they raise.
+#include <tqcore/result_control.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "async_test_support.h"
+
+namespace tqcore {
+namespace {
+
+using tqcore_test::failure;
+using tqcore_test::raised_by;
+
+std::string code_of(ErrorInfo::Ptr const& error) {
+  return error ? error->code().value().as_string() : "(none)";
+}
+
+// ---- The four controls for void ----------------------------------------------------------------
+
+enum class Direct { Empty, Value, OnFuture };
+
+struct ControlRow {
+  char const* name;
+  std::function<std::unique_ptr<ResultControl<>>(Future<> const&)> make;
+  Direct direct;                // what signal_result / signal_error return
+  bool reaches_future;          // whether signals (and handler signals) set the caller's future
+  char const* null_error_code;  // what signal_error(nullptr) raises
+};
+
+std::vector<ControlRow> const kControlRows = {
+    {"Ignored", [](Future<> const&) { return std::make_unique<ResultControlIgnored<>>(); },
+     Direct::Empty, false, "error.tqcore.result.badParameter"},
+    {"IgnoredIfAsync",
+     [](Future<> const&) { return std::make_unique<ResultControlIgnoredIfAsync<>>(); },
+     Direct::Value, false, "error.tqcore.result.badParameter"},
+    {"FutureRef", [](Future<> const& f) { return std::make_unique<ResultControlFutureRef<>>(f); },
+     Direct::OnFuture, true, "error.tqcore.future.nullError"},
+    {"Adapter",
+     [](Future<> const& f) {
+       return std::make_unique<AsyncHandlerAdapterControl<>>(ResultControlFutureRef<>(f));
+     },
+     Direct::Empty, true, "error.tqcore.result.badParameter"},
+};
+
+class VoidControl : public ::testing::TestWithParam<ControlRow> {
+ protected:
+  Future<> future;
+  std::unique_ptr<ResultControl<>> control = GetParam().make(future);
+};
+
+TEST_P(VoidControl, SignalResult) {
+  Result<> const result = control->signal_result();
+  EXPECT_EQ(result.is_waitable(), GetParam().direct != Direct::Empty);
+  EXPECT_EQ(result.has_value(), GetParam().direct != Direct::Empty);
+  EXPECT_EQ(future.has_value(), GetParam().reaches_future);
+  EXPECT_TRUE(control->is_ignored());  // every void control
+  EXPECT_FALSE(control->is_cancelled());
+}
+
+TEST_P(VoidControl, SignalError) {
+  ErrorInfo::Ptr const error = failure("error.test.op");
+  Result<> const result = control->signal_error(error);
+  EXPECT_EQ(result.error_info() == error, GetParam().direct != Direct::Empty);
+  EXPECT_EQ(future.error_info() == error, GetParam().reaches_future);
+  if (GetParam().direct == Direct::Empty) {
+    EXPECT_FALSE(result.is_waitable());
+  }
+}
+
+TEST_P(VoidControl, NullErrorRaisesAndChangesNothing) {
+  EXPECT_EQ(code_of(raised_by([&] { control->signal_error(nullptr); })),
+            GetParam().null_error_code);
+  EXPECT_FALSE(future.is_ready());
+}
+
+TEST_P(VoidControl, HandlerDeliversWhereTheControlWould) {
+  RefCountPtr<AsyncResult<>> const handler = control->create_async_handler();
+  ASSERT_TRUE(handler);
+  EXPECT_EQ(handler->activation_id(), 0u);  // the check is off
+  EXPECT_TRUE(handler->ignored());
+  Result<> const result = handler->get_result();
+  EXPECT_EQ(result.is_waitable(), GetParam().reaches_future);
+  EXPECT_FALSE(result.is_ready());
+  handler->on_async_result_success();
+  EXPECT_EQ(future.has_value(), GetParam().reaches_future);
+  EXPECT_EQ(result.has_value(), GetParam().reaches_future);
+}
+
+TEST_P(VoidControl, CancelThroughTheHandlerReachesTheControl) {
+  RefCountPtr<AsyncResult<>> const handler = control->create_async_handler();
+  handler->cancel(false, failure("error.test.reason"));
+  EXPECT_EQ(handler->cancelled(), GetParam().reaches_future);
+  EXPECT_EQ(control->is_cancelled(), GetParam().reaches_future);
+}
+
+INSTANTIATE_TEST_SUITE_P(Controls, VoidControl, ::testing::ValuesIn(kControlRows),
+                         [](auto const& info) { return std::string(info.param.name); });
+
+TEST(ResultControl, IgnoredIfNotReadyIsAFreshIgnoredIfAsync) {
+  ResultControlIgnored<int> const ignored;
+  ResultControlIgnoredIfAsync<int> const direct = ignored.if_not_ready();
+  EXPECT_EQ(direct.signal_result(5).get(), 5);
+  EXPECT_FALSE(ignored.signal_result(5).is_waitable());
+}
+
+TEST(ResultControl, FutureRefKeepsTheFirstOutcomeSilently) {
+  Future<int> future;
+  ResultControlFutureRef<int> const control(future);
+  EXPECT_EQ(control.signal_result(1).get(), 1);
+  Result<int> const second = control.signal_error(failure("error.test.late"));
+  EXPECT_EQ(second.get(), 1);  // the same future: the late error is dropped
+  EXPECT_EQ(&control.future(), &control.future());
+  EXPECT_EQ(ResultControlFutureRef<int>(control).future(), future);
+}
+
+// ---- Typed controls --------------------------------------------------------------------------
+
+struct TypedIgnoredRow {
+  char const* name;
+  std::function<bool()> is_ignored;
+  bool expected;
+};
+
+TEST(TypedControl, WhoWantsTheValue) {
+  Future<int> future;
+  std::vector<TypedIgnoredRow> const rows = {
+      {"Ignored", [] { return ResultControlIgnored<int>().is_ignored(); }, true},
+      {"IgnoredIfAsync", [] { return ResultControlIgnoredIfAsync<int>().is_ignored(); }, false},
+      {"FutureRef", [&] { return ResultControlFutureRef<int>(future).is_ignored(); }, false},
+      {"Adapter over a future handler",
+       [&] {
+         return AsyncHandlerAdapterControl<int>(ResultControlFutureRef<int>(future)).is_ignored();
+       },
+       false},
+      {"Adapter over an ignored handler",
+       [] { return AsyncHandlerAdapterControl<int>(ResultControlIgnored<int>()).is_ignored(); },
+       true},
+  };
+  for (TypedIgnoredRow const& row : rows) EXPECT_EQ(row.is_ignored(), row.expected) << row.name;
+}
+
+TEST(TypedControl, MoveOnlyValuesPassThroughEveryDelivery) {
+  using Box = std::unique_ptr<int>;
+  Result<Box> const direct = ResultControlIgnoredIfAsync<Box>().signal_result(Box(new int(1)));
+  EXPECT_EQ(*direct.get(), 1);
+
+  Future<Box> future;
+  ResultControlFutureRef<Box> const control(future);
+  RefCountPtr<AsyncResult<Box>> const handler = control.create_async_handler();
+  Result<Box> const later = handler->get_result();
+  AsyncHandlerAdapterControl<Box> const adapter(handler);
+  EXPECT_FALSE(adapter.signal_result(Box(new int(2))).is_waitable());
+  EXPECT_EQ(*later.get(), 2);
+  EXPECT_EQ(*future.get(), 2);
+}
+
+TEST(TypedControl, AdapterSharesOneHandler) {
+  Future<std::string> future;
+  AsyncHandlerAdapterControl<std::string> const adapter{
+      ResultControlFutureRef<std::string>(future)};
+  AsyncHandlerAdapterControl<std::string> const copy = adapter;
+  RefCountPtr<AsyncResult<std::string>> const& held = adapter;
+  EXPECT_EQ(copy.create_async_handler(), held);
+  EXPECT_EQ(held->as_control().create_async_handler(), held);
+  copy.signal_error(failure("error.test.inner"));
+  EXPECT_TRUE(adapter.create_async_handler()->get_result().has_error());
+  EXPECT_EQ(code_of(raised_by([&] { adapter.signal_error(nullptr); })),
+            "error.tqcore.result.badParameter");
+}
+
+TEST(TypedControl, AdapterRefusesANullHandler) {
+  ErrorInfo::Ptr const raised =
+      raised_by([] { AsyncHandlerAdapterControl<int> adapter{RefCountPtr<AsyncResult<int>>()}; });
+  ASSERT_TRUE(raised);
+  EXPECT_EQ(code_of(raised), "error.tqcore.result.badParameter");
+  EXPECT_EQ(raised->expanded_message().as_string(), "Invalid 'handler' value: NULL");
+}
+
+// ---- The four handlers for void -------------------------------------------------------------
+
+enum class Got { Empty, Asynchrony, OnFuture };
+
+struct HandlerRow {
+  char const* name;
+  std::function<RefCountPtr<AsyncResult<>>(ResultControlBase const&, Future<> const&)> create;
+  bool cancelled;
+  Got result;
+};
+
+std::vector<HandlerRow> const kHandlerRows = {
+    {"Ignored",
+     [](ResultControlBase const& c, Future<> const&) {
+       return impl::AsyncResultIgnoredBase<void>::create(c);
+     },
+     false, Got::Empty},
+    {"Cancelled",
+     [](ResultControlBase const& c, Future<> const&) {
+       return impl::AsyncResultCancelledBase<void>::create(c);
+     },
+     true, Got::Empty},
+    {"Error",
+     [](ResultControlBase const& c, Future<> const&) {
+       return impl::AsyncResultErrorBase<void>::create(c);
+     },
+     true, Got::Asynchrony},
+    {"Future",
+     [](ResultControlBase const& c, Future<> const& f) {
+       return impl::AsyncResultFutureBase<void>::create(c, f);
+     },
+     false, Got::OnFuture},
+};
+
+class VoidHandler : public ::testing::TestWithParam<HandlerRow> {
+ protected:
+  Future<> future;
+  // Held by pointer: a control's destructor may raise, which a fixture's may not.
+  std::unique_ptr<ResultControlIgnored<>> control = std::make_unique<ResultControlIgnored<>>();
+  RefCountPtr<AsyncResult<>> handler = GetParam().create(*control, future);
+};
+
+TEST_P(VoidHandler, Queries) {
+  EXPECT_TRUE(handler->ignored());
+  EXPECT_EQ(handler->cancelled(), GetParam().cancelled);
+  Result<> const result = handler->get_result();
+  EXPECT_EQ(result.is_waitable(), GetParam().result != Got::Empty);
+  if (GetParam().result == Got::Asynchrony) {
+    EXPECT_EQ(result.error_info(), impl::create_unexpected_asynchrony_error());
+  }
+}
+
+TEST_P(VoidHandler, CancelReachesOnlyAFuture) {
+  handler->cancel(true, nullptr);
+  EXPECT_EQ(future.error_info() == impl::create_result_cancel_error(nullptr),
+            GetParam().result == Got::OnFuture);
+  EXPECT_EQ(handler->cancelled(), GetParam().cancelled || GetParam().result == Got::OnFuture);
+}
+
+TEST_P(VoidHandler, RepeatedSignalsAreErrorsOnlyOnAFuture) {
+  handler->on_async_result_success();
+  ErrorInfo::Ptr const second = raised_by([&] { handler->on_async_result_success(); });
+  ErrorInfo::Ptr const third = raised_by([&] { handler->on_async_result_error(failure("e.x")); });
+  bool const on_future = GetParam().result == Got::OnFuture;
+  EXPECT_EQ(code_of(second), on_future ? "error.tqcore.result.redundantSignal" : "(none)");
+  EXPECT_EQ(code_of(third), on_future ? "error.tqcore.result.redundantSignal" : "(none)");
+  EXPECT_EQ(future.has_value(), on_future);
+}
+
+TEST_P(VoidHandler, NullErrorIsRefusedByEveryHandler) {
+  EXPECT_EQ(code_of(raised_by([&] { handler->on_async_result_error(nullptr); })),
+            "error.tqcore.result.badParameter");
+  EXPECT_FALSE(future.is_ready());
+}
+
+INSTANTIATE_TEST_SUITE_P(Handlers, VoidHandler, ::testing::ValuesIn(kHandlerRows),
+                         [](auto const& info) { return std::string(info.param.name); });
+
+// ---- The future handler: redundant signals, cancellation, destruction -----------------------
+
+class FutureHandler : public ::testing::Test {
+ protected:
+  Future<int> future;
+  std::unique_ptr<ResultControlFutureRef<int>> control =
+      std::make_unique<ResultControlFutureRef<int>>(future);
+  RefCountPtr<AsyncResult<int>> handler = control->create_async_handler();
+};
+
+TEST_F(FutureHandler, ASecondSuccessRaisesWithoutCause) {
+  handler->on_async_result_success(1);
+  ErrorInfo::Ptr const raised = raised_by([&] { handler->on_async_result_success(2); });
+  ASSERT_TRUE(raised);
+  EXPECT_EQ(code_of(raised), "error.tqcore.result.redundantSignal");
+  EXPECT_EQ(raised->message(), "A result which had already been signaled, was signaled again.");
+  EXPECT_EQ(raised->location().function(), "tqcore:impl::raise_redundant_signal_error()");
+  EXPECT_FALSE(raised->nested());
+  EXPECT_EQ(future.get(), 1);
+}
+
+TEST_F(FutureHandler, ASecondErrorRidesAlongAsTheCause) {
+  handler->on_async_result_error(failure("error.test.first"));
+  ErrorInfo::Ptr const late = failure("error.test.late");
+  ErrorInfo::Ptr const raised = raised_by([&] { handler->on_async_result_error(late); });
+  ASSERT_TRUE(raised);
+  EXPECT_EQ(raised->nested(), late);
+  EXPECT_EQ(code_of(future.error_info()), "error.test.first");
+}
+
+TEST_F(FutureHandler, SignalsAfterACancelAreSwallowed) {
+  Result<int> const result = handler->get_result();
+  ErrorInfo::Ptr const reason = failure("error.test.shutdown");
+  AsyncOpHandle(result).cancel(false, reason);
+  EXPECT_TRUE(handler->cancelled());
+  EXPECT_TRUE(control->is_cancelled());
+  EXPECT_FALSE(raised_by([&] { handler->on_async_result_success(7); }));
+  EXPECT_FALSE(raised_by([&] { handler->on_async_result_error(failure("error.test.x")); }));
+  ErrorInfo::Ptr const error = result.error_info();
+  EXPECT_EQ(code_of(error), "error.tqcore.result.cancelled");
+  EXPECT_EQ(error->nested(), reason);
+}
+
+TEST_F(FutureHandler, AnInnerOperationCancellationAlsoSwallowsSignals) {
+  future.set(impl::ResultInnerInvokerTagBase::outer_operation_cancelled());
+  EXPECT_TRUE(handler->cancelled());
+  EXPECT_FALSE(raised_by([&] { handler->on_async_result_success(1); }));
+}
+
+TEST_F(FutureHandler, DroppedUnsignalledTellsTheReaderWhy) {
+  Result<int> const result = handler->get_result();
+  handler = nullptr;
+  EXPECT_EQ(result.error_info(), impl::create_result_not_signaled_error());
+}
+
+TEST_F(FutureHandler, DroppedAfterACancelKeepsTheCancel) {
+  handler->cancel(false, nullptr);
+  handler = nullptr;
+  EXPECT_EQ(future.error_info(), impl::create_result_cancel_error(nullptr));
+}
+
+struct ThrowingObserver : RefCounted<AtomicRefCount>, IFutureObserver<int> {
+  void future_failed(ErrorInfo::Ptr const&) override { throw std::runtime_error("observer"); }
+  void future_succeeded(int const&) override {}
+};
+
+TEST_F(FutureHandler, DroppedWhileAnObserverRaisesLetsNothingOut) {
+  RefCountPtr<ThrowingObserver> const observer(new ThrowingObserver);
+  future.add_observer(observer.get(), observer);
+  EXPECT_NO_THROW(handler = nullptr);
+  EXPECT_FALSE(future.is_ready());
+}
+
+// ---- Cancellation at each stage of an operation delivering through a Future -----------------
+
+TEST(Cancellation, BeforeTheOperationLooks) {
+  Future<> future;
+  Result<> const result(impl::FutureResultImpl<void>::create(future));
+  result.cancel(false, nullptr);
+  ResultControlFutureRef<> const control(future);
+  EXPECT_TRUE(control.is_cancelled());
+  control.signal_result();  // silently changes nothing
+  EXPECT_EQ(future.error_info(), impl::create_result_cancel_error(nullptr));
+}
+
+TEST(Cancellation, AfterCompletionChangesNothing) {
+  Future<int> future;
+  ResultControlFutureRef<int> const control(future);
+  RefCountPtr<AsyncResult<int>> const handler = control.create_async_handler();
+  Result<int> const result = handler->get_result();
+  handler->on_async_result_success(3);
+  result.cancel(true, failure("error.test.late"));
+  handler->cancel(true, nullptr);
+  EXPECT_FALSE(handler->cancelled());
+  EXPECT_EQ(result.get(), 3);
+}
+
+// ---- Records --------------------------------------------------------------------------------
+
+struct RecordRow {
+  char const* name;
+  ErrorInfo::Ptr (*get)();
+  char const* code;
+  char const* message;
+  char const* function;
+};
+
+ErrorInfo::Ptr outer_cancelled() {
+  return impl::ResultInnerInvokerTagBase::outer_operation_cancelled();
+}
+
+RecordRow const kRecords[] = {
+    {"NotSignaled", impl::create_result_not_signaled_error, "error.tqcore.result.notSignaled",
+     "An asynchronous result handler is being destroyed but the result has not been signaled.",
+     "tqcore::impl::create_result_not_signaled_error()"},
+    {"Asynchrony", impl::create_unexpected_asynchrony_error,
+     "error.tqcore.result.invalidAsynchrony",
+     "Asynchronous operation initiated with result_error_if_async()",
+     "tqcore::impl::create_unexpected_asynchrony_error()"},
+    {"OuterCancelled", outer_cancelled, "error.tqcore.result.cancelled.innerOperation",
+     "The outer operation was cancelled before the inner operation completed.",
+     "tqcore::impl::ResultInnerInvokerTagBase::outer_operation_cancelled()"},
+};
+
+class CachedRecord : public ::testing::TestWithParam<RecordRow> {};
+
+TEST_P(CachedRecord, BuiltOnceWithItsText) {
+  ErrorInfo::Ptr const record = GetParam().get();
+  EXPECT_EQ(record, GetParam().get());
+  EXPECT_EQ(code_of(record), GetParam().code);
+  EXPECT_EQ(record->message(), GetParam().message);
+  EXPECT_EQ(record->location().function(), GetParam().function);
+  EXPECT_FALSE(record->nested());
+}
+
+INSTANTIATE_TEST_SUITE_P(Result, CachedRecord, ::testing::ValuesIn(kRecords),
+                         [](auto const& info) { return std::string(info.param.name); });
+
+TEST(ResultRecords, WhatCountsAsACancellation) {
+  struct Row {
+    ErrorInfo::Ptr error;
+    bool cancelled;
+  } const rows[] = {
+      {nullptr, false},
+      {impl::create_result_cancel_error(nullptr), true},
+      {impl::create_result_cancel_error(failure("error.test.why")), true},
+      {outer_cancelled(), true},
+      {failure("error.tqcore.result"), false},
+      {failure("error.tqcore.result.cancelledLater"), false},
+      {impl::create_result_not_signaled_error(), false},
+  };
+  for (Row const& row : rows)
+    EXPECT_EQ(impl::result_was_cancelled(row.error), row.cancelled) << code_of(row.error);
+}
+
+TEST(ResultRecords, RedundantSignalAfterASuccessCallback) {
+  ErrorInfo::Ptr const cause = failure("error.test.callback");
+  ErrorInfo::Ptr const raised = raised_by([&] { impl::raise_redundant_signal_error(cause, true); });
+  ASSERT_TRUE(raised);
+  EXPECT_EQ(raised->message(), "A success callback PROBABLY allowed an exception to escape.");
+  EXPECT_EQ(raised->nested(), cause);
+}
+
+TEST(ResultRecords, NullParameterNames) {
+  struct Row {
+    char const* name;
+    size_t size;
+    char const* text;
+  } const rows[] = {
+      {"callback", size_t(-1), "Invalid 'callback' value: NULL"},
+      {"callback", 4, "Invalid 'call' value: NULL"},
+      {nullptr, size_t(-1), "Invalid '' value: NULL"},
+      {nullptr, 0, "Invalid '' value: NULL"},
+  };
+  SourceLocation const here("caller()", "file", 9);
+  for (Row const& row : rows) {
+    ErrorInfo::Ptr const raised =
+        raised_by([&] { impl::raise_null_parameter_error(row.name, row.size, here); });
+    ASSERT_TRUE(raised);
+    EXPECT_EQ(code_of(raised), "error.tqcore.result.badParameter");
+    EXPECT_EQ(raised->expanded_message().as_string(), row.text);
+    EXPECT_EQ(raised->params().get_value("value"), "NULL");
+    EXPECT_EQ(raised->location(), here);
+  }
+}
+
+// ---- The caller's slot -----------------------------------------------------------------------
+
+// Fills the slot the way an invocation template would, and records each destruction.
+class SlotControl : public ResultControlIgnored<> {
+ public:
+  struct Content : SlotContent {
+    explicit Content(std::vector<int>* log, int tag) : log(log), tag(tag) {}
+    void destroy(unsigned int flags) override { log->push_back(tag * 10 + int(flags)); }
+    std::vector<int>* log;
+    int tag;
+  };
+  SlotControl() = default;
+  SlotControl(std::vector<int>* log, int tag) {
+    static_assert(sizeof(Content) <= kSlotSize);
+    m_slot_content = new (m_slot) Content(log, tag);
+  }
+  bool has_content() const { return m_slot_content != nullptr; }
+};
+
+TEST(ResultControlSlot, CopiesStartEmptyAndAssignmentCopiesAsItStands) {
+  std::vector<int> log;
+  {
+    SlotControl const filled(&log, 7);
+    SlotControl const copy(filled);
+    EXPECT_FALSE(copy.has_content());
+    SlotControl assigned;
+    assigned = filled;
+    EXPECT_TRUE(assigned.has_content());
+  }
+  // Three ends, two of them with content: the assigned one destroys the copy of the bytes it
+  // points into, which is the original's. The asymmetry is the contract.
+  EXPECT_EQ(log, (std::vector<int>{70, 70}));
+}
+
+// ---- Completions handed between threads ------------------------------------------------------
+
+TEST(DispatchedCompletion, VoidSuccessIsANullError) {
+  impl::DispatchedCompletion<void> const success(impl::DispatchedCompletion<void>::value);
+  EXPECT_FALSE(success.error());
+  ErrorInfo::Ptr const error = failure("error.test.d");
+  EXPECT_EQ(impl::DispatchedCompletion<void>(error).error(), error);
+}
+
+TEST(DispatchedCompletion, TypedCompletionCarriesAValueOrAnError) {
+  impl::DispatchedCompletion<std::string> const done(std::string("v"));
+  EXPECT_EQ(done.value(), "v");
+  EXPECT_FALSE(done.error());
+  EXPECT_EQ(code_of(raised_by([] { impl::DispatchedCompletion<int>(ErrorInfo::Ptr()); })),
+            "error.tqcore.result.badParameter");
+}
+
+}  // namespace
+}  // namespace tqcore
