@@ -180,7 +180,8 @@ class ScopeCheck {
  private:
   // Unset, or starting with 0, N, n, F or f: off. Anything else, the empty text included: on.
   static bool requested(char const* value) {
-    return value != nullptr && std::strchr("0NnFf", value[0]) == nullptr;
+    if (value == nullptr) return false;
+    return value[0] == '\0' || std::strchr("0NnFf", value[0]) == nullptr;  // strchr finds '\0'
   }
 
   bool m_enabled;

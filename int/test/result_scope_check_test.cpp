@@ -1,0 +1,218 @@
+// The signalling scope check, on: a handler may not complete on the thread whose control is
+// still alive, and controls leave their thread's list in any order but on no other thread.
+// The check is read at load, so main() makes sure the process starts with it on.
+#include <tqcore/result_auto_signal.h>
+#include <tqcore/result_control.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <optional>
+#include <string>
+#include <thread>
+#include <type_traits>
+
+#include "async_test_support.h"
+#include "child_process.h"
+
+namespace tqcore {
+namespace {
+
+using tqcore_test::failure;
+using tqcore_test::raised_by;
+
+char const kVariable[] = "TQCORE_CHECK_ASYNC_RESULT_SIGNALING";
+
+bool raises_scope_error(std::function<void()> const& call) {
+  ErrorInfo::Ptr const raised = raised_by(call);
+  return raised && raised->matches("error.tqcore.result.invalidAsyncSignalScope");
+}
+
+// A control whose end the test chooses, so that the exception of a raising destructor can be
+// caught (std::optional::reset would terminate).
+template <class Control>
+class Placed {
+ public:
+  template <class... Args>
+  explicit Placed(Args&&... args) {
+    new (m_storage) Control(std::forward<Args>(args)...);
+  }
+  Control& operator*() { return *std::launder(reinterpret_cast<Control*>(m_storage)); }
+  Control* operator->() { return &**this; }
+  ErrorInfo::Ptr end() {
+    return raised_by([this] { (**this).~Control(); });
+  }
+
+ private:
+  alignas(Control) unsigned char m_storage[sizeof(Control)];
+};
+
+TEST(ScopeCheck, SignalsInsideTheScopeRaiseAndChangeNothing) {
+  Future<> future;
+  RefCountPtr<AsyncResult<>> handler;
+  {
+    ResultControlFutureRef<> const control(future);
+    handler = control.create_async_handler();
+    EXPECT_NE(handler->activation_id(), 0u);
+    ErrorInfo::Ptr const raised = raised_by([&] { handler->on_async_result_success(); });
+    ASSERT_TRUE(raised);
+    EXPECT_EQ(raised->code().value(), "error.tqcore.result.invalidAsyncSignalScope");
+    EXPECT_EQ(raised->message(),
+              "Attempt to use an AsyncResult object to signal a result synchronously.");
+    EXPECT_EQ(raised->location().function(), "tqcore::ResultControlBase::validate_async_signal()");
+    EXPECT_TRUE(raises_scope_error([&] { handler->on_async_result_error(failure("e.x")); }));
+    // The scope check comes before the null test.
+    EXPECT_TRUE(raises_scope_error([&] { handler->on_async_result_error(nullptr); }));
+    EXPECT_FALSE(future.is_ready());
+    // Completing through the control is what the scope is for.
+    EXPECT_TRUE(control.signal_result().has_value());
+  }
+}
+
+TEST(ScopeCheck, AfterItsControlEndsAHandlerSignalsOnTheSameThread) {
+  Future<int> future;
+  RefCountPtr<AsyncResult<int>> handler;
+  { handler = ResultControlFutureRef<int>(future).create_async_handler(); }
+  handler->on_async_result_success(4);
+  EXPECT_EQ(future.get(), 4);
+}
+
+TEST(ScopeCheck, HandlersFromOneControlShareItsId) {
+  RefCountPtr<AsyncResult<>> first, second;
+  {
+    ResultControlIgnoredIfAsync<> const control;
+    first = control.create_async_handler();
+    second = control.create_async_handler();
+    EXPECT_EQ(first->activation_id(), second->activation_id());
+    EXPECT_TRUE(raises_scope_error([&] { second->on_async_result_success(); }));
+  }
+  // One control ended once: the list is empty again, and neither is inside a scope.
+  EXPECT_FALSE(raised_by([&] { first->on_async_result_success(); }));
+  EXPECT_FALSE(raised_by([&] { second->on_async_result_success(); }));
+}
+
+TEST(ScopeCheck, ACopyOfAnActiveControlStartsIdleAndEndsHarmlessly) {
+  ResultControlIgnored<> const original;
+  RefCountPtr<AsyncResult<>> const first = original.create_async_handler();
+  RefCountPtr<AsyncResult<>> copied_handler;
+  {
+    ResultControlIgnored<> const copy(original);
+    copied_handler = copy.create_async_handler();
+    EXPECT_NE(copied_handler->activation_id(), first->activation_id());
+  }
+  EXPECT_TRUE(raises_scope_error([&] { first->on_async_result_success(); }));
+  EXPECT_FALSE(raised_by([&] { copied_handler->on_async_result_success(); }));
+}
+
+TEST(ScopeCheck, ControlsMayEndInTheOrderTheyBegan) {
+  Placed<ResultControlIgnored<>> older, newer;
+  RefCountPtr<AsyncResult<>> const a = older->create_async_handler();
+  RefCountPtr<AsyncResult<>> const b = newer->create_async_handler();
+  EXPECT_FALSE(older.end());  // from the middle of the list
+  EXPECT_FALSE(raised_by([&] { a->on_async_result_success(); }));
+  EXPECT_TRUE(raises_scope_error([&] { b->on_async_result_success(); }));
+  EXPECT_FALSE(newer.end());
+  EXPECT_FALSE(raised_by([&] { b->on_async_result_success(); }));
+}
+
+TEST(ScopeCheck, EndingOnAnotherThreadRaises) {
+  using Control = Placed<ResultControlIgnored<>>;
+  Control* first = nullptr;
+  Control* second = nullptr;
+  std::thread([&] {
+    first = new Control();
+    second = new Control();
+    (*first)->create_async_handler();
+    (*second)->create_async_handler();
+  }).join();  // that thread's list still names both; the thread is gone
+  ErrorInfo::Ptr on_other_list, on_empty_list;
+  std::thread([&] {
+    ResultControlIgnored<> const own;  // a list that does not hold the control
+    own.create_async_handler();
+    on_other_list = first->end();
+  }).join();
+  std::thread([&] { on_empty_list = second->end(); }).join();
+  delete first;
+  delete second;
+  ASSERT_TRUE(on_other_list);
+  EXPECT_EQ(on_other_list->code().value(), "error.tqcore.result.wrongThread");
+  EXPECT_EQ(on_other_list->message(),
+            "ResultControl deactivated on a thread other than the one for which it was "
+            "activated.");
+  EXPECT_EQ(on_other_list->location().function(), "tqcore::ResultControlBase::deactivate()");
+  EXPECT_TRUE(on_empty_list && on_empty_list->matches("error.tqcore.result.wrongThread"));
+}
+
+TEST(ScopeCheck, AnAdapterSignalledSynchronouslyInsideTheOuterScopeRaises) {
+  Future<> future;
+  ResultControlFutureRef<> const outer(future);
+  AsyncHandlerAdapterControl<> const adapter(outer);
+  auto inner_operation = [](ResultControl<> const& control) { return control.signal_result(); };
+  EXPECT_TRUE(raises_scope_error([&] { inner_operation(adapter); }));
+  // The same adapter completed from a worker is the intended use.
+  std::thread([&] { inner_operation(adapter); }).join();
+  EXPECT_TRUE(future.has_value());
+}
+
+TEST(ScopeCheck, AWorkerMaySignalWhileTheControlIsAlive) {
+  Future<> future;
+  ResultControlFutureRef<> const control(future);
+  RefCountPtr<AsyncResult<>> const handler = control.create_async_handler();
+  Result<> const result = handler->get_result();
+  std::thread([handler] { handler->on_async_result_error(failure("error.test.worker")); }).join();
+  EXPECT_EQ(result.error_info()->code().value(), "error.test.worker");
+}
+
+TEST(ScopeCheck, AGuardEndingInsideTheScopeRaisesFromItsDestructor) {
+  Future<> future;
+  ResultControlFutureRef<> const control(future);
+  Placed<AutoSignalAsyncResult<>> guard(control.create_async_handler());
+  ErrorInfo::Ptr const raised = guard.end();
+  EXPECT_TRUE(raised && raised->matches("error.tqcore.result.invalidAsyncSignalScope"));
+}
+
+// ---- The variable, read at load ------------------------------------------------------------
+
+struct SwitchRow {
+  char const* value;  // null: unset
+  char const* expected;
+};
+
+class ScopeCheckSwitch : public ::testing::TestWithParam<SwitchRow> {};
+
+TEST_P(ScopeCheckSwitch, FirstCharacterDecides) {
+  std::string const entry = GetParam().value ? std::string(kVariable) + "=" + GetParam().value
+                                             : std::string(kVariable);  // putenv(NAME) unsets
+  tqcore_test::ChildResult const probe =
+      tqcore_test::run_program(TQCORE_SCOPE_CHECK_PROBE, {}, {entry});
+  EXPECT_TRUE(probe.exited(0)) << probe.output;
+  EXPECT_EQ(probe.output, std::string(GetParam().expected) + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, ScopeCheckSwitch,
+                         ::testing::Values(SwitchRow{nullptr, "off"}, SwitchRow{"", "on"},
+                                           SwitchRow{"0", "off"}, SwitchRow{"no", "off"},
+                                           SwitchRow{"N", "off"}, SwitchRow{"false", "off"},
+                                           SwitchRow{"F", "off"}, SwitchRow{"y", "on"},
+                                           SwitchRow{"1", "on"}, SwitchRow{"Yes", "on"},
+                                           SwitchRow{"true", "on"}, SwitchRow{" 0", "on"}));
+
+}  // namespace
+}  // namespace tqcore
+
+int main(int argc, char** argv) {
+  char const* value = std::getenv(tqcore::kVariable);
+  if (value == nullptr || std::strcmp(value, "1") != 0) {
+    setenv(tqcore::kVariable, "1", 1);
+    execv("/proc/self/exe", argv);
+    std::perror("execv");
+    return 2;
+  }
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
