@@ -4,6 +4,9 @@
 #include <tqcore/error_exception.h>
 #include <tqcore/error_info.h>
 
+#include <new>
+#include <utility>
+
 namespace tqcore_test {
 
 inline tqcore::ErrorInfo::Ptr failure(char const* code) {
@@ -21,5 +24,25 @@ tqcore::ErrorInfo::Ptr raised_by(F call) {
   }
   return nullptr;
 }
+
+// An object whose end the test chooses, so that the exception of a raising destructor can be
+// caught (std::optional::reset or a scope end in a noexcept context would terminate).
+template <class Object>
+class Placed {
+ public:
+  template <class... Args>
+  explicit Placed(Args&&... args) {
+    new (m_storage) Object(std::forward<Args>(args)...);
+  }
+  Object& operator*() { return *std::launder(reinterpret_cast<Object*>(m_storage)); }
+  Object* operator->() { return &**this; }
+  // Runs the destructor; what it raised, or null.
+  tqcore::ErrorInfo::Ptr end() {
+    return raised_by([this] { (**this).~Object(); });
+  }
+
+ private:
+  alignas(Object) unsigned char m_storage[sizeof(Object)];
+};
 
 }  // namespace tqcore_test

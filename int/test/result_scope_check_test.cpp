@@ -24,6 +24,7 @@ namespace tqcore {
 namespace {
 
 using tqcore_test::failure;
+using tqcore_test::Placed;
 using tqcore_test::raised_by;
 
 char const kVariable[] = "TQCORE_CHECK_ASYNC_RESULT_SIGNALING";
@@ -32,25 +33,6 @@ bool raises_scope_error(std::function<void()> const& call) {
   ErrorInfo::Ptr const raised = raised_by(call);
   return raised && raised->matches("error.tqcore.result.invalidAsyncSignalScope");
 }
-
-// A control whose end the test chooses, so that the exception of a raising destructor can be
-// caught (std::optional::reset would terminate).
-template <class Control>
-class Placed {
- public:
-  template <class... Args>
-  explicit Placed(Args&&... args) {
-    new (m_storage) Control(std::forward<Args>(args)...);
-  }
-  Control& operator*() { return *std::launder(reinterpret_cast<Control*>(m_storage)); }
-  Control* operator->() { return &**this; }
-  ErrorInfo::Ptr end() {
-    return raised_by([this] { (**this).~Control(); });
-  }
-
- private:
-  alignas(Control) unsigned char m_storage[sizeof(Control)];
-};
 
 TEST(ScopeCheck, SignalsInsideTheScopeRaiseAndChangeNothing) {
   Future<> future;
