@@ -1,9 +1,15 @@
-// Proves the allocation promises of the error model by counting every operator new.
+// Proves the allocation promises by counting every operator new, and the lock-free promises by
+// counting every pthread_mutex_lock the process makes (this executable's definition comes first
+// in symbol lookup, for the library and ACE alike).
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/error_exception.h>
+#include <tqcore/result_control.h>
 #include <tqcore/simple_date_time.h>
 
 #include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -29,6 +35,17 @@ void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
     return nullptr;
   }
 }
+namespace {
+std::atomic<long> g_locks{0};
+}  // namespace
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
+  using Lock = int (*)(pthread_mutex_t*);
+  static Lock const real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+  g_locks.fetch_add(1, std::memory_order_relaxed);
+  return real(mutex);
+}
+
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
@@ -45,6 +62,16 @@ long allocations_of(F&& f) {
   long before = g_allocations.load();
   auto result = f();
   long after = g_allocations.load();
+  (void)result;
+  return after - before;
+}
+
+// Counts the mutex locks taken by `f`.
+template <class F>
+long locks_of(F&& f) {
+  long before = g_locks.load();
+  auto result = f();
+  long after = g_locks.load();
   (void)result;
   return after - before;
 }
@@ -121,8 +148,27 @@ TEST(Allocation, ParsingDurationsAllocatesNothing) {
   EXPECT_EQ(allocations_of([&] { return RelativeTime::from_string_nothrow(iso, &out); }), 0);
 }
 
+// An operation that completes in its call, given the control that wants only an immediate
+// outcome: the result is the one allocation, and nothing locks.
+TEST(Allocation, ImmediateCompletionIsOneAllocationAndNoLock) {
+  auto operation = [](ResultControl<int> const& control, bool fail) {
+    if (fail) return control.signal_error(impl::create_unexpected_asynchrony_error());
+    return control.signal_result(42);
+  };
+  ResultControlIgnoredIfAsync<int> const control;
+  impl::create_unexpected_asynchrony_error();  // built once, before counting
+  for (bool fail : {false, true}) {
+    EXPECT_EQ(allocations_of([&] { return operation(control, fail); }), 1);
+    EXPECT_EQ(locks_of([&] { return operation(control, fail); }), 0);
+  }
+  ResultControlIgnoredIfAsync<> const void_control;
+  EXPECT_EQ(allocations_of([&] { return void_control.signal_result(); }), 1);
+  EXPECT_EQ(locks_of([&] { return void_control.signal_result(); }), 0);
+}
+
 TEST(Allocation, CountingReallyCounts) {
   EXPECT_EQ(allocations_of([] { return SourceString("a copy"); }), 1);
+  EXPECT_GE(locks_of([] { return Future<int>().set(1); }), 1);
 }
 
 }  // namespace
