@@ -145,6 +145,17 @@ TEST(AutoSignal, CopiesShareTheHandlers) {
   EXPECT_TRUE(raised && raised->matches("error.tqcore.result.redundantSignal"));
 }
 
+TEST(AutoSignal, AMovedGuardLeavesNoSecondOwner) {
+  Operations<int> ops(1);
+  {
+    AutoSignalAsyncResult<int> first(ops.handlers[0]);
+    AutoSignalAsyncResult<int> second(std::move(first));
+    second.signal_success(8);
+  }  // `first` ends empty: no second signal, nothing raised
+  EXPECT_EQ(ops.futures[0].get(), 8);
+  EXPECT_TRUE(ops.failed_in_order.empty());
+}
+
 TEST(AutoSignal, ANullHandlerIsRefused) {
   AutoSignalAsyncResult<> guard;
   ErrorInfo::Ptr const raised = raised_by([&] { guard.push_back(nullptr); });

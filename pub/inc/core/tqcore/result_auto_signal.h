@@ -18,8 +18,13 @@ namespace impl {
 
 class TQCORE_EXPORT AutoSignalAsyncResultBase {
  public:
+  // Copies share the handlers: each copy that ends with handlers signals them.
   AutoSignalAsyncResultBase(AutoSignalAsyncResultBase const&) = default;
   AutoSignalAsyncResultBase& operator=(AutoSignalAsyncResultBase const&) = default;
+  // Leaves the source empty, so that handing a guard to another thread (a lambda capture, a
+  // std::function) does not leave a second owner behind to fail the handlers.
+  AutoSignalAsyncResultBase(AutoSignalAsyncResultBase&& other) noexcept
+      : m_handlers(other.take_handlers()), m_failure(std::move(other.m_failure)) {}
 
   bool has_failure() const noexcept { return static_cast<bool>(m_failure); }
   // The old failure is released when the argument ends.
@@ -69,6 +74,7 @@ class AutoSignalAsyncResult : public impl::AutoSignalAsyncResultBase {
     for (Handler const& handler : handlers) push_back(handler);
   }
   AutoSignalAsyncResult(AutoSignalAsyncResult const&) = default;
+  AutoSignalAsyncResult(AutoSignalAsyncResult&&) noexcept = default;
   AutoSignalAsyncResult& operator=(AutoSignalAsyncResult const&) = default;
   ~AutoSignalAsyncResult() noexcept(false) = default;
 
