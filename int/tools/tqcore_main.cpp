@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "tool_commands.h"
+
 namespace {
 
 char const kFileId[] = "$Id: //tqcore/int/tools/tqcore_main.cpp#1 $";
@@ -41,17 +43,29 @@ void print_usage(std::ostream& out) {
          "  datetime TEXT      a date-time with an offset (\"2000-01-01T12:00:00+01:00\"): base,\n"
          "                     offset, local time and text. A bad TEXT prints the error record\n"
          "                     and exits 1\n"
+         "  uuid [--random|--sequential|--legacy N] [--format hyphenated|compact|braced]\n"
+         "       [-n COUNT]    make COUNT (1) identifiers, random by default\n"
+         "  uuid inspect TEXT  version, timestamp, sequence, node and legacy id of a UUID\n"
+         "  hash [--seed S] [FILE...]\n"
+         "                     the 64-bit Murmur hash of each FILE (or standard input); without\n"
+         "                     --seed the process seed is random, so values differ per run\n"
          "\n"
          "Options:\n"
          "  --help     show this text\n"
          "  --version  print the library version\n";
 }
 
-int usage_error(std::string const& message) {
+}  // namespace
+
+int tool::usage_error(std::string const& message) {
   std::cerr << "tqcore: " << message << "\n\n";
   print_usage(std::cerr);
   return 2;
 }
+
+namespace {
+using tool::read_all;
+using tool::usage_error;
 
 // A three-record chain as a failing call would build it: a parse failure, the configuration
 // load that saw it, and the start-up that gave up.
@@ -85,17 +99,6 @@ int show_errno(std::vector<std::string> const& args) {
                    static_cast<int>(value))
             << '\n';
   return 0;
-}
-
-bool read_all(std::string const& path, std::string* text) {
-  if (path.empty() || path == "-") {
-    text->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    return !std::cin.bad();
-  }
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
-  text->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-  return !file.bad();
 }
 
 int check_utf8(std::vector<std::string> const& args) {
@@ -274,6 +277,17 @@ int show_datetime(std::vector<std::string> const& args) {
 
 }  // namespace
 
+bool tool::read_all(std::string const& path, std::string* text) {
+  if (path.empty() || path == "-") {
+    text->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    return !std::cin.bad();
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return false;
+  text->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  return !file.bad();
+}
+
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) {
@@ -297,6 +311,8 @@ int main(int argc, char** argv) {
     if (command == "time") return show_time(args);
     if (command == "duration") return show_duration(args);
     if (command == "datetime") return show_datetime(args);
+    if (command == "uuid") return tool::run_uuid(args);
+    if (command == "hash") return tool::run_hash(args);
     if (command == "base64" || command == "base32" || command == "hex") {
       return run_codec(command, args);
     }

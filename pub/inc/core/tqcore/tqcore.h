@@ -10,6 +10,8 @@
 #include <tqcore/error_params.h>
 #include <tqcore/future.h>
 #include <tqcore/refcount_ptr.h>
+#include <tqcore/murmur_hash.h>
+#include <tqcore/random.h>
 #include <tqcore/refcounted.h>
 #include <tqcore/result.h>
 #include <tqcore/result_auto_signal.h>
@@ -26,4 +28,5 @@
 #include <tqcore/tqcore_export.h>
 #include <tqcore/transforms.h>
 #include <tqcore/ucsutil.h>
+#include <tqcore/uuid.h>
 #include <tqcore/version.h>
