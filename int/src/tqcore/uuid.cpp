@@ -141,19 +141,19 @@ Uuid Uuid::create_random(unsigned char custom_flags) {
   return uuid;
 }
 
-Uuid Uuid::create_sequential() {
-  // Linux's clock moves in nanoseconds; the identifier keeps only the bits above the low eight,
-  // so the counter must restart only when those bits change.
-  return impl::create_sequential_at(AbsoluteTime::now().as_nsec() & ~int64_t{0xFF});
-}
+namespace {
 
-Uuid impl::create_sequential_at(int64_t now) {
+// The clock is read under the lock: identifiers are ordered as the lock orders the calls.
+template <class Clock>
+Uuid make_sequential(Clock clock) {
   uint16_t counter;
   uint32_t clock_word, node_word;
+  int64_t now;
   {
     ACE_Guard<ThreadMutex> guard(g_sequential.mutex);
     SequentialState& s = g_sequential;
     if (s.clock_word == 0) s.draw_clock_and_node();
+    now = clock();
     if (now < s.last_time) {
       s.draw_clock_and_node();  // the clock went back: a new sequence, unrelated to the old
       s.counter = 0;
@@ -179,6 +179,18 @@ Uuid impl::create_sequential_at(int64_t now) {
   b[14] = static_cast<unsigned char>(counter >> 8);
   b[15] = static_cast<unsigned char>(counter);
   return Uuid(data);
+}
+
+}  // namespace
+
+Uuid Uuid::create_sequential() {
+  // Linux's clock moves in nanoseconds; the identifier keeps only the bits above the low eight,
+  // so the counter must restart only when those bits change.
+  return make_sequential([] { return AbsoluteTime::now().as_nsec() & ~int64_t{0xFF}; });
+}
+
+Uuid impl::create_sequential_at(int64_t now) {
+  return make_sequential([now] { return now; });
 }
 
 void impl::sequential_state_before_fork() { g_sequential.mutex.acquire(); }

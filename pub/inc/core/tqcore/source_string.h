@@ -49,6 +49,7 @@ class TQCORE_EXPORT StringTraceData {
 };
 
 class SourceString;
+class StringKey;
 
 using StringTraceSupportedHandler = bool (*)(std::ostream&);
 using StringTraceWriteDataHandler = void (*)(std::ostream&, StringTraceData::Ptr const&);
@@ -118,6 +119,8 @@ class TQCORE_EXPORT SourceString {
   SourceString(char const* text, Int length) : SourceString(text, static_cast<size_t>(length)) {}
   SourceString(char const* text, size_t length, bool reference);
   explicit SourceString(StringTraceData::Ptr const& trace_source);
+  // A copy of the key's text that keeps the key's trace data as its trace source.
+  SourceString(StringKey const& key);
   SourceString(SourceString const& other) noexcept : m_text(other.m_text), m_tag(other.tag()) {
     if (m_tag < 0) clone_dynamic();
   }
@@ -145,6 +148,7 @@ class TQCORE_EXPORT SourceString {
   SourceString& operator=(TransferSource<SourceString> source) noexcept {
     return *this = SourceString(source);
   }
+  SourceString& operator=(StringKey const& key);
   void assign(SourceString const& other) { *this = other; }
   void assign(char const* text, bool reference) { *this = SourceString(text, reference); }
   void assign(char const* text, size_t length) { *this = SourceString(text, length); }

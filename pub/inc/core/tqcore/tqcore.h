@@ -11,6 +11,7 @@
 #include <tqcore/future.h>
 #include <tqcore/refcount_ptr.h>
 #include <tqcore/murmur_hash.h>
+#include <tqcore/object_key.h>
 #include <tqcore/random.h>
 #include <tqcore/refcounted.h>
 #include <tqcore/result.h>
