@@ -4,8 +4,8 @@
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev)
-test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev)
-bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev)
+test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev)
+bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;
