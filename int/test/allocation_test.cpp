@@ -3,8 +3,11 @@
 // in symbol lookup, for the library and ACE alike).
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/error_exception.h>
+#include <tqcore/murmur_hash.h>
+#include <tqcore/object_key.h>
 #include <tqcore/result_control.h>
 #include <tqcore/simple_date_time.h>
+#include <tqcore/uuid.h>
 
 #include <gtest/gtest.h>
 
@@ -164,6 +167,36 @@ TEST(Allocation, ImmediateCompletionIsOneAllocationAndNoLock) {
   ResultControlIgnoredIfAsync<> const void_control;
   EXPECT_EQ(allocations_of([&] { return void_control.signal_result(); }), 1);
   EXPECT_EQ(locks_of([&] { return void_control.signal_result(); }), 0);
+}
+
+// Identifiers are plain values: only the std::string form of the text allocates.
+TEST(Allocation, UuidsAndHashesAllocateNothing) {
+  Uuid::create_random();  // the generator is built on first use
+  Uuid::create_sequential();
+  EXPECT_EQ(allocations_of([] { return Uuid::create_random(); }), 0);
+  EXPECT_EQ(allocations_of([] { return Uuid::create_sequential(); }), 0);
+  EXPECT_EQ(allocations_of([] { return Uuid::create_legacy_interaction_id(42); }), 0);
+  char text[Uuid::kMaxTextSize];
+  Uuid const uuid = Uuid::create_random();
+  EXPECT_EQ(allocations_of([&] { return uuid.as_string(Uuid::Braced, text); }), 0);
+  Uuid parsed;
+  EXPECT_EQ(allocations_of([&] { return Uuid::from_string_nothrow(text, &parsed); }), 0);
+  EXPECT_EQ(parsed, uuid);
+  std::wstring const wide(1000, L'\u00e9');
+  EXPECT_EQ(allocations_of([&] { return murmur_hash(text, 38); }), 0);
+  EXPECT_EQ(allocations_of([&] { return murmur_hash(wide.data(), wide.size()); }), 0);
+}
+
+// A lookup that hits copies nothing: its one allocation is the token it hands out.
+TEST(Allocation, AStringKeyThatHitsAllocatesOnlyItsToken) {
+  StringKey const held("allocation-test-key-with-a-text-longer-than-any-small-buffer");
+  StringKey const empty;  // the default token is made on first use
+  EXPECT_EQ(allocations_of([] {
+              return StringKey("allocation-test-key-with-a-text-longer-than-any-small-buffer");
+            }),
+            1);
+  EXPECT_EQ(allocations_of([] { return StringKey(""); }), 0);
+  EXPECT_EQ(allocations_of([&] { return held.as_object_key(); }), 0);
 }
 
 TEST(Allocation, CountingReallyCounts) {
