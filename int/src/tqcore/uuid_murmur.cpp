@@ -69,16 +69,18 @@ struct Halves {
 
 std::atomic<uint64_t> g_seed{0};
 
-// Drawn on first use, again while its low half is zero. Two threads racing may both draw; the
-// last store stays, which only matters to values computed in that instant.
+// Drawn on first use, again while its low half is zero, and published once: threads racing
+// on the first use all take the first seed stored. (If each kept its own draw, two of them
+// could hash one text differently, and interned keys of one text would not meet.)
 uint64_t process_seed() noexcept {
-  uint64_t seed = g_seed.load(std::memory_order_relaxed);
+  uint64_t seed = g_seed.load(std::memory_order_acquire);
   if (seed != 0) return seed;
+  uint64_t drawn;
   do {
-    seed = random_uint64();
-  } while (static_cast<uint32_t>(seed) == 0);
-  g_seed.store(seed, std::memory_order_relaxed);
-  return seed;
+    drawn = random_uint64();
+  } while (static_cast<uint32_t>(drawn) == 0);
+  if (g_seed.compare_exchange_strong(seed, drawn, std::memory_order_acq_rel)) return drawn;
+  return seed;  // another thread's draw won
 }
 
 // Wide text goes through its UTF-16 form, a stack buffer at a time.
