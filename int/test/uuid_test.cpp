@@ -29,9 +29,10 @@ TEST(Random, FillTouchesExactlyTheBytesAsked) {
     EXPECT_TRUE(std::all_of(buffer.begin(), buffer.begin() + 4, [](int b) { return b == 0xA5; }));
     EXPECT_TRUE(std::all_of(buffer.end() - 4, buffer.end(), [](int b) { return b == 0xA5; }));
     if (size >= 1000) {
-      // Crossing regenerations: the bytes look uniform.
+      // Crossing regenerations the bytes still look uniform: 2,496 uniform bytes miss more
+      // than 16 of the 256 values with a probability far below 1e-30.
       std::set<unsigned char> const values(buffer.begin() + 4, buffer.end() - 4);
-      EXPECT_EQ(values.size(), 256u) << size;
+      EXPECT_GE(values.size(), 240u) << size;
     }
   }
 }
