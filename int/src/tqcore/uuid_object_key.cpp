@@ -24,7 +24,7 @@ namespace {
 
 // Guards the names written once: unique tokens' and the process's.
 ACE_Thread_Mutex& name_lock() {
-  static ACE_Thread_Mutex lock;
+  static ACE_Thread_Mutex& lock = *new ACE_Thread_Mutex;  // never destroyed, like the tokens
   return lock;
 }
 
@@ -65,7 +65,7 @@ class DefaultStringKeyTokenImpl final : public impl::StringKeyToken, public Stri
 
  private:
   static std::string const& empty() {
-    static std::string const text;
+    static std::string const& text = *new std::string;  // outlives every key
     return text;
   }
 };
@@ -191,21 +191,27 @@ std::ostream& operator<<(std::ostream& stream, ObjectKeyToken const& token) {
   return stream;
 }
 
-// Made at first use (at the latest while the library loads, by ObjectKey::null); a key made
-// during another library's static initialisation still finds them.
-RefCountPtr<ObjectKeyToken> const& ObjectKeyToken::default_token() {
-  static RefCountPtr<ObjectKeyToken> const token(new NullObjectKeyToken);
+// Made at first use (at the latest while the library loads, by ObjectKey::null), so a key made
+// during another library's static initialisation finds them, and never destroyed: keys in
+// static storage end in any order, before or after these would.
+namespace {
+template <class Token, class Impl>
+RefCountPtr<Token> const& immortal_token() {
+  static RefCountPtr<Token> const& token = *new RefCountPtr<Token>(new Impl);
   return token;
+}
+}  // namespace
+
+RefCountPtr<ObjectKeyToken> const& ObjectKeyToken::default_token() {
+  return immortal_token<ObjectKeyToken, NullObjectKeyToken>();
 }
 
 RefCountPtr<impl::StringKeyToken> const& impl::StringKeyToken::default_token() {
-  static RefCountPtr<StringKeyToken> const token(new DefaultStringKeyTokenImpl);
-  return token;
+  return immortal_token<StringKeyToken, DefaultStringKeyTokenImpl>();
 }
 
 RefCountPtr<impl::UuidKeyToken> const& impl::UuidKeyToken::default_token() {
-  static RefCountPtr<UuidKeyToken> const token(new DefaultUuidKeyTokenImpl);
-  return token;
+  return immortal_token<UuidKeyToken, DefaultUuidKeyTokenImpl>();
 }
 
 impl::ObjectKeyTokenForPointerBase::~ObjectKeyTokenForPointerBase() {
