@@ -24,48 +24,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "../test/murmur_reference.h"
 #include "comparisons.h"
 
 namespace {
 
 // ---- Murmur ----------------------------------------------------------------------------------
-
-// MurmurHash3_x64_128 as published, with the 64-bit fold the library uses (the first word).
-uint64_t rotl(uint64_t x, int r) { return (x << r) | (x >> (64 - r)); }
-uint64_t fmix(uint64_t k) {
-  k ^= k >> 33;
-  k *= 0xff51afd7ed558ccdULL;
-  k ^= k >> 33;
-  k *= 0xc4ceb9fe1a85ec53ULL;
-  k ^= k >> 33;
-  return k;
-}
-uint64_t reference_murmur(void const* key, size_t len, uint64_t seed) {
-  auto const* data = static_cast<uint8_t const*>(key);
-  size_t const nblocks = len / 16;
-  uint64_t h1 = seed, h2 = seed;
-  uint64_t const c1 = 0x87c37b91114253d5ULL, c2 = 0x4cf5ad432745937fULL;
-  for (size_t i = 0; i < nblocks; i++) {
-    uint64_t k1, k2;
-    std::memcpy(&k1, data + i * 16, 8);
-    std::memcpy(&k2, data + i * 16 + 8, 8);
-    k1 *= c1, k1 = rotl(k1, 31), k1 *= c2, h1 ^= k1;
-    h1 = rotl(h1, 27), h1 += h2, h1 = h1 * 5 + 0x52dce729;
-    k2 *= c2, k2 = rotl(k2, 33), k2 *= c1, h2 ^= k2;
-    h2 = rotl(h2, 31), h2 += h1, h2 = h2 * 5 + 0x38495ab5;
-  }
-  uint8_t const* tail = data + nblocks * 16;
-  uint64_t k1 = 0, k2 = 0;
-  size_t const rest = len & 15;
-  for (size_t i = rest; i > 8; --i) k2 ^= uint64_t(tail[i - 1]) << (8 * (i - 9));
-  if (rest > 8) k2 *= c2, k2 = rotl(k2, 33), k2 *= c1, h2 ^= k2;
-  for (size_t i = rest < 8 ? rest : 8; i > 0; --i) k1 ^= uint64_t(tail[i - 1]) << (8 * (i - 1));
-  if (rest > 0) k1 *= c1, k1 = rotl(k1, 31), k1 *= c2, h1 ^= k1;
-  h1 ^= len, h2 ^= len;
-  h1 += h2, h2 += h1;
-  h1 = fmix(h1), h2 = fmix(h2);
-  return h1 + h2;
-}
 
 void register_murmur(std::string const& label, size_t size) {
   auto data = std::make_shared<std::string>(size, '\0');
@@ -79,7 +43,8 @@ void register_murmur(std::string const& label, size_t size) {
   };
   // Each form is wrapped alike, so the call overhead is the same on every side.
   add("tqcore", [](std::string const& d) { return tqcore::murmur_hash(d.data(), d.size()); });
-  add("reference", [](std::string const& d) { return reference_murmur(d.data(), d.size(), 42); });
+  add("reference",
+      [](std::string const& d) { return murmur_reference::folded(d.data(), d.size(), 42); });
   add("std_hash", [](std::string const& d) { return std::hash<std::string_view>()(d); });
   tqcore_bench::RegisterComparison(name + "tqcore", name + "reference", 1.0);
   tqcore_bench::RegisterComparison(name + "tqcore", name + "std_hash", size >= 1024 ? 1 / 1.2 : 0);

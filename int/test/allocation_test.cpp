@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <utility>
 
 namespace {
 std::atomic<long> g_allocations{0};
@@ -59,24 +60,24 @@ namespace {
 
 char const kFileId[] = "$Id: //tqcore/int/test/allocation_test.cpp#1 $";
 
-// Counts the allocations made by `f`, and keeps what it returns alive until after counting.
+// How far `counter` moves while `f` runs; what `f` returns is kept alive until after counting.
 template <class F>
-long allocations_of(F&& f) {
-  long before = g_allocations.load();
+long counted_during(std::atomic<long> const& counter, F&& f) {
+  long const before = counter.load();
   auto result = f();
-  long after = g_allocations.load();
+  long const after = counter.load();
   (void)result;
   return after - before;
 }
 
-// Counts the mutex locks taken by `f`.
+template <class F>
+long allocations_of(F&& f) {
+  return counted_during(g_allocations, std::forward<F>(f));
+}
+
 template <class F>
 long locks_of(F&& f) {
-  long before = g_locks.load();
-  auto result = f();
-  long after = g_locks.load();
-  (void)result;
-  return after - before;
+  return counted_during(g_locks, std::forward<F>(f));
 }
 
 TEST(Allocation, LocationsAndReferencesAreFree) {
