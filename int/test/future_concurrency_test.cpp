@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -34,6 +35,27 @@ TEST(FutureThreads, EveryWaiterIsReleasedAndLateWaitersDoNotBlock) {
     EXPECT_EQ(released.load(), 4);
     EXPECT_TRUE(future.wait(AbsoluteTime::infinite));
   }
+}
+
+// Waiters asleep on the event (well past the spin) are woken by the set; a set that missed
+// them would leave them to their ten-second deadlines.
+TEST(FutureThreads, SleepingWaitersAreWoken) {
+  Future<int> future;
+  std::atomic<int> woken{0};
+  std::vector<std::thread> waiters;
+  for (int k = 0; k < 3; ++k) {
+    waiters.emplace_back([future, &woken, k] {
+      bool const ready = k == 0 ? future.wait(RelativeTime::seconds(10))
+                                : future.wait(AbsoluteTime::now() + RelativeTime::seconds(10));
+      if (ready) woken.fetch_add(1);
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  AbsoluteTime const set_at = AbsoluteTime::now();
+  future.set(7);
+  for (std::thread& waiter : waiters) waiter.join();
+  EXPECT_EQ(woken.load(), 3);
+  EXPECT_LT(AbsoluteTime::now() - set_at, RelativeTime::seconds(5));
 }
 
 TEST(FutureThreads, ExactlyOneOfManySettersWins) {

@@ -59,6 +59,15 @@ void FutureImplBase::wait_failed() const {
   throw_errno(SourceLocation("tqcore::impl::FutureImplBase::wait()", kFileId, __LINE__), errno);
 }
 
+// Tells a setter to come, under the lock that the setter takes: either the future is set
+// already, or the setter will see that it must signal the event.
+bool FutureImplBase::announce_blocking() const {
+  ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+  if (ready_unlocked()) return false;
+  m_waiter_may_block = true;
+  return true;
+}
+
 void FutureImplBase::wait() const {
   // A short, bounded spin first (tens of microseconds at most): a future set by another thread
   // meanwhile is taken without the kernel's sleep and wake-up, which cost far more.
@@ -66,18 +75,18 @@ void FutureImplBase::wait() const {
     if (ready_unlocked()) return;
     __builtin_ia32_pause();
   }
-  if (m_event.wait() == -1) wait_failed();
+  if (announce_blocking() && m_event.wait() == -1) wait_failed();
 }
 
 bool FutureImplBase::wait(AbsoluteTime const& deadline) const {
-  if (ready_unlocked()) return true;
+  if (ready_unlocked() || !announce_blocking()) return true;
   if (m_event.wait(deadline.as_ace_timeout(), 1) != -1) return true;
   if (errno != ETIME) wait_failed();
   return false;
 }
 
 bool FutureImplBase::wait(RelativeTime const& timeout) const {
-  if (ready_unlocked()) return true;
+  if (ready_unlocked() || !announce_blocking()) return true;
   if (m_event.wait(timeout.as_ace_timeout(), 0) != -1) return true;
   if (errno != ETIME) wait_failed();
   return false;
@@ -118,9 +127,12 @@ bool FutureImplBase::set(ErrorInfo::Ptr error) {
   return true;
 }
 
+// The event is signalled only if a waiter may sleep on it: a future that nobody blocked on
+// (the common case: set before it is read, or read by a spinning waiter) skips the event's
+// own lock and broadcast.
 void FutureImplBase::signal_ready() {
   m_ready.store(true, std::memory_order_release);
-  m_event.signal();
+  if (m_waiter_may_block) m_event.signal();
 }
 
 FutureImplBase::Observer* FutureImplBase::find_observer(IFutureObserverBase* observer) {
