@@ -66,14 +66,16 @@ class ObjectKeyCache {
   ObjectKeyCache(size_t shard_count, size_t buckets_per_shard)
       : m_shards(new std::unique_ptr<Shard>[shard_count]) {
     for (size_t i = 0; i < shard_count; ++i) m_shards[i].reset(new Shard(buckets_per_shard));
-    m_shard_count = shard_count;
+    m_shardsBuilt = shard_count;
+    m_shard_count.store(shard_count, std::memory_order_release);
   }
   ObjectKeyCache(ObjectKeyCache const&) = delete;
   ObjectKeyCache& operator=(ObjectKeyCache const&) = delete;
-  // At unload: the items still referred to are left to their keys, which keep reading them.
-  ~ObjectKeyCache() {
-    size_t const count = m_shard_count;
-    m_shard_count = 0;
+  // The process's last cleanup (or the library's unload): interning raises from then on, and
+  // the items still referred to are left to their keys, which keep reading them. The cache
+  // itself is never destroyed: keys in static storage may end after it closed.
+  void close() {
+    size_t const count = m_shard_count.exchange(0, std::memory_order_acq_rel);
     for (size_t i = 0; i < count; ++i) {
       Shard& shard = *m_shards[i];
       ACE_Guard<ACE_Thread_Mutex> guard(shard.lock);
@@ -87,18 +89,27 @@ class ObjectKeyCache {
   }
 
   RefCountPtr<Token> intern(Probe probe) {
-    if (m_shard_count == 0) {
+    size_t const shard_count = m_shard_count.load(std::memory_order_acquire);
+    if (shard_count == 0) {
       throw std::runtime_error("tqcore::impl::ObjectKeyCache not constructed or already destroyed");
     }
     size_t const hash_value = Hash()(probe);
-    Shard& shard = *m_shards[hash_value % m_shard_count];
+    Shard& shard = *m_shards[hash_value % shard_count];
     return make_token(find_or_insert(shard, probe, hash_value));
+  }
+
+  // Around fork(): every shard lock, in shard order, so that no other thread is inside.
+  void lock_all() {
+    for (size_t i = 0; i < m_shardsBuilt; ++i) m_shards[i]->lock.acquire();
+  }
+  void unlock_all() {
+    for (size_t i = m_shardsBuilt; i > 0; --i) m_shards[i - 1]->lock.release();
   }
 
   // Live items of all shards, for tests and statistics.
   size_t item_count() {
     size_t total = 0;
-    for (size_t i = 0; i < m_shard_count; ++i) {
+    for (size_t i = 0; i < m_shard_count.load(std::memory_order_acquire); ++i) {
       ACE_Guard<ACE_Thread_Mutex> guard(m_shards[i]->lock);
       total += m_shards[i]->item_count;
     }
@@ -133,6 +144,7 @@ class ObjectKeyCache {
       CacheItem*& head = shard.head(hash_value);
       fresh->next = head;
       head = fresh.get();
+      ++shard.item_count;
       ++fresh->references;
       ++shard.generation;
       return fresh.release();
@@ -150,9 +162,11 @@ class ObjectKeyCache {
     return nullptr;
   }
 
-  // Up to four items a bucket on average, then the next prime size, to a last size.
+  // Up to four items a bucket on average, then the next prime size, to a last size. Makes room
+  // for one more item, which the caller counts once it is linked: a failed allocation here
+  // leaves the shard as it was.
   static void grow_if_needed(Shard& shard) {
-    if (++shard.item_count <= shard.bucket_count * 4) return;
+    if (shard.item_count + 1 <= shard.bucket_count * 4) return;
     size_t const t = shard.bucket_count * 4;
     size_t const size = t < 252     ? 251
                         : t < 1022  ? 1021
@@ -202,7 +216,8 @@ class ObjectKeyCache {
     }
   }
 
-  size_t m_shard_count = 0;  // 0 before construction and after destruction
+  std::atomic<size_t> m_shard_count{0};  // 0 before construction and after close
+  size_t m_shardsBuilt = 0;
   std::unique_ptr<std::unique_ptr<Shard>[]> m_shards;
 };
 

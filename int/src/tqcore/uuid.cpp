@@ -11,6 +11,7 @@
 #include <ostream>
 
 #include "file_ids.h"
+#include "static_instance_internal.h"
 #include "uuid_internal.h"
 
 namespace tqcore {
@@ -120,7 +121,15 @@ struct SequentialState {
   }
 };
 
-SequentialState g_sequential;
+// Never destroyed: identifiers may be made by static instances that end after this file's
+// static destructors.
+SequentialState& sequential_state() {
+  alignas(SequentialState) static unsigned char storage[sizeof(SequentialState)];
+  static SequentialState* const state = new (storage) SequentialState;
+  return *state;
+}
+
+[[maybe_unused]] SequentialState& g_sequentialAtLoad = sequential_state();
 
 }  // namespace
 
@@ -170,8 +179,8 @@ Uuid make_sequential(Clock clock) {
   uint32_t clock_word, node_word;
   int64_t now;
   {
-    ACE_Guard<ThreadMutex> guard(g_sequential.mutex);
-    SequentialState& s = g_sequential;
+    SequentialState& s = sequential_state();
+    ACE_Guard<ThreadMutex> guard(s.mutex);
     if (s.clock_word == 0) s.draw_clock_and_node();
     now = clock();
     if (now < s.last_time) {
@@ -213,16 +222,17 @@ Uuid impl::create_sequential_at(int64_t now) {
   return make_sequential([now] { return now; });
 }
 
-void impl::sequential_state_before_fork() { g_sequential.mutex.acquire(); }
+void impl::sequential_state_before_fork() { sequential_state().mutex.acquire(); }
 
 void impl::sequential_state_after_fork(bool in_child) {
+  SequentialState& s = sequential_state();
   if (in_child) {
     // A child must not continue its parent's sequence: new clock and node words when next used.
-    g_sequential.clock_word = 0;
-    g_sequential.counter = 0;
-    g_sequential.last_time = 0;
+    s.clock_word = 0;
+    s.counter = 0;
+    s.last_time = 0;
   }
-  g_sequential.mutex.release();
+  s.mutex.release();
 }
 
 Uuid Uuid::create_legacy_interaction_id(unsigned int id, unsigned char flags) {

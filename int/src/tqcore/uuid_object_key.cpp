@@ -11,11 +11,13 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <stdexcept>
 #include <string_view>
 
 #include "object_key_cache.h"
+#include "static_instance_internal.h"
 
 namespace tqcore {
 namespace {
@@ -24,8 +26,9 @@ namespace {
 
 // Guards the names written once: unique tokens' and the process's.
 ACE_Thread_Mutex& name_lock() {
-  static ACE_Thread_Mutex& lock = *new ACE_Thread_Mutex;  // never destroyed, like the tokens
-  return lock;
+  alignas(ACE_Thread_Mutex) static unsigned char storage[sizeof(ACE_Thread_Mutex)];
+  static ACE_Thread_Mutex* const lock = new (storage) ACE_Thread_Mutex;  // never destroyed
+  return *lock;
 }
 
 constexpr size_t kNameSize = 16;  // 10 random bytes in base 32
@@ -53,6 +56,7 @@ char const* process_name() {
 class NullObjectKeyToken final : public ObjectKeyToken, public StringTraceData {
  public:
   NullObjectKeyToken() noexcept : ObjectKeyToken(nullptr) {}
+  void destroy() override {}  // lives in static storage, never freed
   StringTraceData::Ptr query_trace_data() const override { return self_trace_data(this); }
   std::pair<char const*, size_t> trace_text() const override { return {"<null>", 6}; }
 };
@@ -60,19 +64,23 @@ class NullObjectKeyToken final : public ObjectKeyToken, public StringTraceData {
 class DefaultStringKeyTokenImpl final : public impl::StringKeyToken, public StringTraceData {
  public:
   DefaultStringKeyTokenImpl() noexcept : StringKeyToken(this, &empty()) {}
+  void destroy() override {}  // lives in static storage, never freed
   StringTraceData::Ptr query_trace_data() const override { return self_trace_data(this); }
   std::pair<char const*, size_t> trace_text() const override { return {"", 0}; }
 
  private:
-  static std::string const& empty() {
-    static std::string const& text = *new std::string;  // outlives every key
-    return text;
+  // Never destroyed, and an empty std::string holds no heap block.
+  static std::string const& empty() noexcept {
+    alignas(std::string) static unsigned char storage[sizeof(std::string)];
+    static std::string const* const text = new (storage) std::string;
+    return *text;
   }
 };
 
 class DefaultUuidKeyTokenImpl final : public impl::UuidKeyToken, public StringTraceData {
  public:
   DefaultUuidKeyTokenImpl() noexcept : UuidKeyToken(this, &null()) {}
+  void destroy() override {}  // lives in static storage, never freed
   StringTraceData::Ptr query_trace_data() const override { return self_trace_data(this); }
   std::pair<char const*, size_t> trace_text() const override {
     return {"00000000-0000-0000-0000-000000000000", 36};
@@ -169,14 +177,40 @@ using UuidKeyCache =
     impl::ObjectKeyCache<impl::UuidKeyToken, Uuid, Uuid const&, UuidKeyCacheHashFunc,
                          std::equal_to<Uuid>, UuidKeyTraceStringFunc>;
 
-// Built while the library loads and destroyed when it unloads; interning outside that span
-// raises std::runtime_error.
-StringKeyCache g_string_cache(13, 2039);
-UuidKeyCache g_uuid_cache(5, 1021);
+// Built while the library loads (or by an earlier first use) and never destroyed; the process's
+// last cleanup closes them, after which interning raises std::runtime_error.
+template <class Cache>
+Cache& cache_in_static_storage(size_t shards, size_t buckets) {
+  alignas(Cache) static unsigned char storage[sizeof(Cache)];
+  static Cache* const cache = new (storage) Cache(shards, buckets);
+  return *cache;
+}
+StringKeyCache& string_cache() { return cache_in_static_storage<StringKeyCache>(13, 2039); }
+UuidKeyCache& uuid_cache() { return cache_in_static_storage<UuidKeyCache>(5, 1021); }
+
+[[maybe_unused]] bool const g_cachesAtLoad = (string_cache(), uuid_cache(), true);
 
 }  // namespace
 
-size_t impl::interned_string_count() { return g_string_cache.item_count(); }
+size_t impl::interned_string_count() { return string_cache().item_count(); }
+
+// Shard locks first, then the name lock: nothing takes a shard lock while naming.
+void impl::key_caches_before_fork() {
+  string_cache().lock_all();
+  uuid_cache().lock_all();
+  name_lock().acquire();
+}
+
+void impl::key_caches_after_fork() {
+  name_lock().release();
+  uuid_cache().unlock_all();
+  string_cache().unlock_all();
+}
+
+void impl::key_caches_close() {
+  string_cache().close();
+  uuid_cache().close();
+}
 
 // ---- Tokens ------------------------------------------------------------------------------------
 
@@ -191,26 +225,36 @@ std::ostream& operator<<(std::ostream& stream, ObjectKeyToken const& token) {
   return stream;
 }
 
-// Made at first use (at the latest while the library loads, by ObjectKey::null), so a key made
-// during another library's static initialisation finds them, and never destroyed: keys in
-// static storage end in any order, before or after these would.
+// The default tokens live in static storage, built while the library loads (or by an earlier
+// first use, from another library's static initialisation) and never destroyed: keys in static
+// storage end in any order, before or after these would. The storage holds the token and a
+// reference to it, so the count never reaches zero; nothing here allocates.
 namespace {
 template <class Token, class Impl>
-RefCountPtr<Token> const& immortal_token() {
-  static RefCountPtr<Token> const& token = *new RefCountPtr<Token>(new Impl);
-  return token;
+RefCountPtr<Token> const& immortal_token() noexcept {
+  struct Holder {
+    Impl token;
+    RefCountPtr<Token> reference{&token};
+  };
+  alignas(Holder) static unsigned char storage[sizeof(Holder)];
+  static Holder* const holder = new (storage) Holder;
+  return holder->reference;
 }
+
+[[maybe_unused]] bool const g_defaultTokensAtLoad =
+    (ObjectKeyToken::default_token(), impl::StringKeyToken::default_token(),
+     impl::UuidKeyToken::default_token(), true);
 }  // namespace
 
-RefCountPtr<ObjectKeyToken> const& ObjectKeyToken::default_token() {
+RefCountPtr<ObjectKeyToken> const& ObjectKeyToken::default_token() noexcept {
   return immortal_token<ObjectKeyToken, NullObjectKeyToken>();
 }
 
-RefCountPtr<impl::StringKeyToken> const& impl::StringKeyToken::default_token() {
+RefCountPtr<impl::StringKeyToken> const& impl::StringKeyToken::default_token() noexcept {
   return immortal_token<StringKeyToken, DefaultStringKeyTokenImpl>();
 }
 
-RefCountPtr<impl::UuidKeyToken> const& impl::UuidKeyToken::default_token() {
+RefCountPtr<impl::UuidKeyToken> const& impl::UuidKeyToken::default_token() noexcept {
   return immortal_token<UuidKeyToken, DefaultUuidKeyTokenImpl>();
 }
 
@@ -251,12 +295,12 @@ StringKey::StringKey(char const* text)
 // The empty text (and a null one) is never cached.
 RefCountPtr<impl::StringKeyToken> StringKey::token_from_string(char const* text, size_t size) {
   if (size == 0 || text == nullptr) return impl::StringKeyToken::default_token();
-  return g_string_cache.intern(std::string_view(text, size));
+  return string_cache().intern(std::string_view(text, size));
 }
 
 UuidKey::UuidKey(Uuid const& uuid)
     : ObjectKeyBase(uuid.is_null() ? impl::UuidKeyToken::default_token()
-                                   : g_uuid_cache.intern(uuid)) {}
+                                   : uuid_cache().intern(uuid)) {}
 
 SourceString::SourceString(StringKey const& key) : SourceString(key.query_trace_data()) {}
 

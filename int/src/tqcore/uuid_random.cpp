@@ -4,12 +4,12 @@
 #include <ace/Guard_T.h>
 #include <ace/Thread_Mutex.h>
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <new>
 
+#include "static_instance_internal.h"
 #include "uuid_internal.h"
 
 namespace tqcore {
@@ -33,7 +33,7 @@ class Generator {
 
   uint32_t next_raw() {
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    if (m_position == kWords) regenerate();
+    if (m_position >= kWords) regenerate();
     return m_state[m_position++];
   }
 
@@ -41,7 +41,7 @@ class Generator {
   void fill_raw(unsigned char* out, size_t count, std::atomic<int> const& fillers) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
     while (count > 0) {
-      if (m_position == kWords) {
+      if (m_position >= kWords) {
         regenerate();
         if (fillers.load(std::memory_order_relaxed) != 1) {
           m_lock.release();
@@ -100,37 +100,16 @@ class Generator {
   size_t m_position = kWords;
 };
 
-// Built on first use and never freed: identifiers may be drawn during static destruction.
-std::atomic<Generator*> g_generator{nullptr};
+// In static storage, built while the library loads (or by an earlier first use) and never
+// destroyed: drawing never allocates, and identifiers may be drawn during static destruction.
+Generator& generator() noexcept {
+  alignas(Generator) static unsigned char storage[sizeof(Generator)];
+  static Generator* const instance = new (storage) Generator;
+  return *instance;
+}
+
+[[maybe_unused]] Generator& g_generatorAtLoad = generator();
 std::atomic<int> g_fillers{0};
-
-Generator& generator() {
-  Generator* current = g_generator.load(std::memory_order_acquire);
-  if (current != nullptr) return *current;
-  auto* fresh = new Generator;
-  if (g_generator.compare_exchange_strong(current, fresh, std::memory_order_acq_rel)) return *fresh;
-  delete fresh;  // another thread's first use won
-  return *current;
-}
-
-void before_fork() {
-  impl::sequential_state_before_fork();
-  if (Generator* g = g_generator.load(std::memory_order_acquire)) g->lock();
-}
-void after_fork_in_parent() {
-  if (Generator* g = g_generator.load(std::memory_order_acquire)) g->unlock();
-  impl::sequential_state_after_fork(false);
-}
-void after_fork_in_child() {
-  if (Generator* g = g_generator.load(std::memory_order_acquire)) {
-    g->unlock();
-    g->reseed();
-  }
-  impl::sequential_state_after_fork(true);
-}
-
-// glibc removes these handlers again if the library is unloaded.
-int const g_fork_handlers = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 
 }  // namespace
 
@@ -145,8 +124,9 @@ void random_fill(void* buffer, size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
   size_t const words = size / 4;
   if (words > 0) {
+    Generator& source = generator();
     g_fillers.fetch_add(1, std::memory_order_relaxed);
-    generator().fill_raw(out, words, g_fillers);
+    source.fill_raw(out, words, g_fillers);
     g_fillers.fetch_sub(1, std::memory_order_relaxed);
     for (size_t i = 0; i < words; ++i) {
       uint32_t word;
@@ -159,6 +139,16 @@ void random_fill(void* buffer, size_t size) {
     uint32_t const word = random_uint32();
     std::memcpy(out + words * 4, &word, rest);
   }
+}
+
+// Held across fork() so that no other thread is inside the generator; a child then draws from
+// fresh entropy, never repeating its parent.
+void impl::random_before_fork() noexcept { generator().lock(); }
+
+void impl::random_after_fork(bool in_child) noexcept {
+  Generator& g = generator();
+  if (in_child) g.reseed();
+  g.unlock();
 }
 
 }  // namespace tqcore

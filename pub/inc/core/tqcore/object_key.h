@@ -29,7 +29,8 @@ class TQCORE_EXPORT ObjectKeyToken : public RefCounted<AtomicRefCount> {
   void const* key_value() const noexcept { return m_key_value; }
 
   // The null key's token: key value null, trace text "<null>".
-  static RefCountPtr<ObjectKeyToken> const& default_token();
+  // Built while the library loads, in storage never freed: handing it out never allocates.
+  static RefCountPtr<ObjectKeyToken> const& default_token() noexcept;
 
  protected:
   // The key value is the token's own address.
@@ -49,7 +50,8 @@ namespace impl {
 class TQCORE_EXPORT StringKeyToken : public ObjectKeyToken {
  public:
   std::string const& value() const noexcept { return *m_value; }
-  static RefCountPtr<StringKeyToken> const& default_token();
+  // Built while the library loads, in storage never freed: handing it out never allocates.
+  static RefCountPtr<StringKeyToken> const& default_token() noexcept;
 
  protected:
   StringKeyToken(void const* key_value, std::string const* value) noexcept
@@ -62,7 +64,8 @@ class TQCORE_EXPORT StringKeyToken : public ObjectKeyToken {
 class TQCORE_EXPORT UuidKeyToken : public ObjectKeyToken {
  public:
   Uuid const& uuid() const noexcept { return *m_uuid; }
-  static RefCountPtr<UuidKeyToken> const& default_token();
+  // Built while the library loads, in storage never freed: handing it out never allocates.
+  static RefCountPtr<UuidKeyToken> const& default_token() noexcept;
 
  protected:
   UuidKeyToken(void const* key_value, Uuid const* uuid) noexcept

@@ -5,7 +5,6 @@
 #include <tqcore/tqcore_export.h>
 
 #include <atomic>
-#include <mutex>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -21,6 +20,13 @@ class TQCORE_EXPORT StaticInstanceBase {
   static void register_cleanup_aux(void (*function)(void*), void* argument);
   // Raises "error.tqcore.objectManager.closed" for access to a destroyed instance.
   [[noreturn]] static void throw_destroyed_error();
+
+  enum : int { kUnbuilt, kBuilding, kBuilt, kDestroyed };
+  // True when the caller is to build the instance; false when another thread built it
+  // meanwhile (this one waited); raises once it has been destroyed.
+  static bool begin_build(std::atomic<int>& state);
+  // Ends a build with kBuilt, or kUnbuilt when the constructor raised, and wakes the waiters.
+  static void end_build(std::atomic<int>& state, int outcome) noexcept;
 };
 
 }  // namespace impl
@@ -43,45 +49,44 @@ class StaticInstance : private impl::StaticInstanceBase {
   T& get() {
     static_assert(std::is_trivially_destructible<StaticInstance>::value,
                   "the C++ runtime must not end a static instance");
-    State state = m_state.load(std::memory_order_acquire);
-    if (state != State::built) build_or_raise(state);
+    if (m_state.load(std::memory_order_acquire) != kBuilt) build_or_raise();
     return *std::launder(reinterpret_cast<T*>(m_storage));
   }
   T& operator*() { return get(); }
   T* operator->() { return &get(); }
 
-  bool is_built() const noexcept { return m_state.load(std::memory_order_acquire) == State::built; }
+  bool is_built() const noexcept { return m_state.load(std::memory_order_acquire) == kBuilt; }
   bool is_destroyed() const noexcept {
-    return m_state.load(std::memory_order_acquire) == State::destroyed;
+    return m_state.load(std::memory_order_acquire) == kDestroyed;
   }
 
  private:
-  enum class State : int { unbuilt, built, destroyed };
-
-  void build_or_raise(State state) {
-    if (state == State::destroyed) throw_destroyed_error();
-    std::lock_guard<std::mutex> lock(m_buildLock);
-    state = m_state.load(std::memory_order_acquire);
-    if (state == State::destroyed) throw_destroyed_error();
-    if (state == State::built) return;
-    T* object = new (m_storage) T();
+  // One thread builds; others wait for it. The constructor runs with no lock held, so it may
+  // use other instances; it must not use this one.
+  void build_or_raise() {
+    if (!begin_build(m_state)) return;
     try {
-      register_cleanup_aux(&StaticInstance::destroy, this);
+      T* object = new (m_storage) T();
+      try {
+        register_cleanup_aux(&StaticInstance::destroy, this);
+      } catch (...) {
+        object->~T();  // nobody could ever destroy it
+        throw;
+      }
     } catch (...) {
-      object->~T();  // nobody could ever destroy it
+      end_build(m_state, kUnbuilt);  // the next use tries again
       throw;
     }
-    m_state.store(State::built, std::memory_order_release);
+    end_build(m_state, kBuilt);
   }
 
   static void destroy(void* argument) {
     auto* self = static_cast<StaticInstance*>(argument);
-    self->m_state.store(State::destroyed, std::memory_order_release);
+    self->m_state.store(kDestroyed, std::memory_order_release);
     std::launder(reinterpret_cast<T*>(self->m_storage))->~T();
   }
 
-  std::atomic<State> m_state{State::unbuilt};
-  std::mutex m_buildLock;
+  std::atomic<int> m_state{kUnbuilt};
   alignas(T) unsigned char m_storage[sizeof(T)] = {};
 };
 
