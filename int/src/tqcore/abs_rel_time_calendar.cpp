@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "abs_rel_time_internal.h"
+#include "error_exception_internal.h"
 #include "file_ids.h"
 
 namespace tqcore {
@@ -90,7 +91,7 @@ Components::Components(double x, bool round_to_seconds) : m_hour(12) {
     ErrorComposer(
         "The given date ({@jd}) lies outside of the range of days representable in 32 "
         "bits.")
-        .param(SourceString::create_reference("jd"), text.str())
+        .param(SourceString::create_reference("jd"), impl::stream_text(text))
         .throw_error(
             x < 0 ? error::tqcore_cast_negativeToUnsigned : error::tqcore_cast_valueTooBig,
             SourceLocation("tqcore::AbsoluteTime::Components::Components()", kFileId, __LINE__));

@@ -331,24 +331,29 @@ ErrorException::ErrorException(ErrorException const& other) noexcept
     : std::exception(other), m_error(other.m_error) {}
 
 ErrorException& ErrorException::operator=(ErrorException const& other) noexcept {
-  m_whatText.reset();
+  delete m_whatText.exchange(nullptr, std::memory_order_acq_rel);
   m_error = other.m_error;
   return *this;
 }
 
-ErrorException::~ErrorException() = default;
+ErrorException::~ErrorException() { delete m_whatText.load(std::memory_order_acquire); }
 
+// Built on first use and published once: one exception object may be read by several threads
+// (through std::exception_ptr), and a thread that loses keeps the winner's text. A failure
+// leaves nothing cached, so a later call builds the whole text.
 char const* ErrorException::what() const noexcept {
-  if (!m_whatText) {
+  std::string* text = m_whatText.load(std::memory_order_acquire);
+  if (text == nullptr) {
     try {
-      auto text = std::make_unique<std::string>();
-      *text = build_what_text();
-      m_whatText = std::move(text);
+      auto own = std::make_unique<std::string>(build_what_text());
+      if (m_whatText.compare_exchange_strong(text, own.get(), std::memory_order_acq_rel)) {
+        text = own.release();
+      }
     } catch (...) {
       // what() may not throw; the fixed text below stands in.
     }
   }
-  return m_whatText ? m_whatText->c_str() : "tqcore::ErrorException";
+  return text != nullptr ? text->c_str() : "tqcore::ErrorException";
 }
 
 void ErrorException::rethrow() const { throw ErrorException(m_error); }
@@ -356,6 +361,11 @@ void ErrorException::rethrow() const { throw ErrorException(m_error); }
 std::string ErrorException::build_what_text() const {
   std::ostringstream stream;
   m_error->write_trace(stream, 0);
+  return impl::stream_text(stream);
+}
+
+std::string impl::stream_text(std::ostringstream const& stream) {
+  if (stream.bad()) throw std::bad_alloc();
   return stream.str();
 }
 

@@ -1,7 +1,10 @@
 #include <tqcore/error_builder.h>
 #include <tqcore/error_exception.h>
 
+#include <new>
 #include <string>
+
+#include "error_exception_internal.h"
 
 namespace tqcore {
 
@@ -30,6 +33,7 @@ ErrorInfo::Ptr ErrorBuilder::create(ErrorCode const& code, SourceLocation const&
   if (native_code != 0) {
     params.add(SourceString::create_reference("nativeCode"), std::to_string(native_code));
   }
+  if (bad()) throw std::bad_alloc();  // the stream lost part of the message
   std::string const text = str();
   return ErrorInfo::create(code, SourceString(text.data(), text.size()), std::move(params),
                            location, nested);
@@ -85,10 +89,13 @@ ErrorInfo::Ptr ErrorComposer::create(ErrorCode const& code, SourceLocation const
 
 ErrorInfo::Ptr ErrorComposer::create(ErrorCode const& code, SourceLocation const& location,
                                      ErrorInfo::Ptr nested) {
-  SourceString message(m_message.transfer());
-  ErrorParams params(m_params.transfer());
-  return ErrorInfo::create(code, std::move(message), std::move(params), location,
-                           std::move(nested));
+  // The message and parameters move into the record only once its memory is had: should that
+  // fail, the composer still holds them and may try again.
+  ErrorCode code_copy(code);
+  SourceLocation location_copy(location);
+  SourceString hostname(impl::error_info_hostname());
+  return ErrorInfo::create(code_copy.transfer(), m_message.transfer(), m_params.transfer(),
+                           location_copy.transfer(), nested.transfer(), hostname.transfer());
 }
 
 ErrorInfo::Ptr ErrorComposer::create_with_nested_errno(ErrorCode const& code,

@@ -4,6 +4,7 @@
 #include <tqcore/source_string.h>
 
 #include <cstddef>
+#include <sstream>
 #include <string>
 #include <typeinfo>
 
@@ -18,6 +19,10 @@ SourceString system_error_text(int value);
 
 // The name of a type as a reader writes it.
 std::string demangled_type_name(std::type_info const& type);
+
+// The text a string stream holds. A stream swallows a failed allocation into its bad bit and
+// keeps what it had: that raises std::bad_alloc here instead of passing on a cut text.
+std::string stream_text(std::ostringstream const& stream);
 
 // Writes the machine's name, NUL-terminated, into `buffer`, or "<unknown>".
 void query_host_name(char* buffer, size_t capacity) noexcept;

@@ -14,43 +14,56 @@ char const* const SourceString::sm_emptyStrData = "";
 // ---- StringTraceData -------------------------------------------------------------------------
 
 StringTraceData::~StringTraceData() {
-  if (m_traceState != 0 && (m_traceState & 1) == 0) {
-    ::operator delete(reinterpret_cast<Record*>(m_traceState));
-  }
+  uint64_t const state = m_traceState.load(std::memory_order_acquire);
+  if (state != 0 && (state & 1) == 0) ::operator delete(reinterpret_cast<Record*>(state));
 }
 
 unsigned int StringTraceData::query_trace_file_offset(size_t sink, unsigned int file_id) const {
-  if (sink >= max_trace_sink_count() || m_traceState == 0) return 0;
-  if ((m_traceState & 1) == 0) {
-    Record const& record = reinterpret_cast<Record const*>(m_traceState)[sink];
+  uint64_t const state = m_traceState.load(std::memory_order_acquire);
+  if (sink >= max_trace_sink_count() || state == 0) return 0;
+  if ((state & 1) == 0) {
+    Record const& record = reinterpret_cast<Record const*>(state)[sink];
     return record.file_id == file_id ? record.offset : 0;
   }
   if (sink != 0) return 0;
   // Inline, the file id was stored shifted left by one: an id with its top bit set never
   // matches there.
-  uint32_t stored = static_cast<uint32_t>(m_traceState) >> 1;
-  return stored == file_id ? static_cast<unsigned int>(m_traceState >> 32) : 0;
+  uint32_t stored = static_cast<uint32_t>(state) >> 1;
+  return stored == file_id ? static_cast<unsigned int>(state >> 32) : 0;
 }
 
+// Sink 0 writes inline until another sink needs the array; the switch is published by
+// compare-and-exchange, so a write of sink 0 racing it lands in the array, not in a lost word.
 void StringTraceData::set_trace_file_offset(size_t sink, unsigned int file_id,
                                             unsigned int offset) const {
   if (sink >= max_trace_sink_count()) return;
-  if (m_traceState != 0 && (m_traceState & 1) == 0) {
-    reinterpret_cast<Record*>(m_traceState)[sink] = Record{file_id, offset};
-    return;
+  uint64_t state = m_traceState.load(std::memory_order_acquire);
+  for (;;) {
+    if (state != 0 && (state & 1) == 0) {
+      reinterpret_cast<Record*>(state)[sink] = Record{file_id, offset};
+      return;
+    }
+    if (sink == 0) {
+      uint64_t const inline_record =
+          (static_cast<uint64_t>(offset) << 32) | static_cast<uint32_t>(file_id << 1) | 1;
+      if (m_traceState.compare_exchange_weak(state, inline_record, std::memory_order_acq_rel)) {
+        return;
+      }
+      continue;
+    }
+    auto* records = static_cast<Record*>(::operator new(sizeof(Record) * max_trace_sink_count()));
+    std::fill(records, records + max_trace_sink_count(), Record{0, 0});
+    if (state != 0) {
+      records[0] =
+          Record{static_cast<uint32_t>(state) >> 1, static_cast<unsigned int>(state >> 32)};
+    }
+    records[sink] = Record{file_id, offset};
+    if (m_traceState.compare_exchange_strong(state, reinterpret_cast<uint64_t>(records),
+                                             std::memory_order_acq_rel)) {
+      return;
+    }
+    ::operator delete(records);  // sink 0 wrote meanwhile, or another sink switched first
   }
-  if (sink == 0) {
-    m_traceState = (static_cast<uint64_t>(offset) << 32) | static_cast<uint32_t>(file_id << 1) | 1;
-    return;
-  }
-  auto* records = static_cast<Record*>(::operator new(sizeof(Record) * max_trace_sink_count()));
-  std::fill(records, records + max_trace_sink_count(), Record{0, 0});
-  if (m_traceState != 0) {
-    records[0] = Record{static_cast<uint32_t>(m_traceState) >> 1,
-                        static_cast<unsigned int>(m_traceState >> 32)};
-  }
-  records[sink] = Record{file_id, offset};
-  m_traceState = reinterpret_cast<uint64_t>(records);
 }
 
 namespace {

@@ -1,43 +1,12 @@
-// Thread primitives and the future under the asynchronous results.
-#include <tqcore/barrier.h>
+// Future: the one-shot waitable cell under the asynchronous results.
 #include <tqcore/error_exception.h>
 #include <tqcore/future.h>
-#include <tqcore/thread_mutex.h>
 
 #include <cerrno>
-#include <typeinfo>
+#include <cstring>
+#include <type_traits>
 
 #include "file_ids.h"
-
-namespace tqcore {
-
-ThreadCondition::ThreadCondition(ThreadMutex& mutex) : m_mutex(mutex) {
-  ACE_OS::cond_init(&m_condition, static_cast<short>(USYNC_THREAD),
-                    static_cast<char const*>(nullptr), nullptr);
-}
-
-ThreadCondition::~ThreadCondition() { ACE_OS::cond_destroy(&m_condition); }
-
-int ThreadCondition::wait() { return ACE_OS::cond_wait(&m_condition, &m_mutex.m_mutex.lock()); }
-
-int ThreadCondition::wait(ACE_Time_Value const* deadline) {
-  if (deadline == nullptr) return wait();
-  ACE_Time_Value until(*deadline);  // ACE takes a mutable pointer; the caller's value stays as is
-  return ACE_OS::cond_timedwait(&m_condition, &m_mutex.m_mutex.lock(), &until);
-}
-
-int ThreadCondition::wait(AbsoluteTime const& deadline) {
-  // The proxy (and the time value it points to) lives until the wait has returned.
-  return wait(static_cast<ACE_Time_Value const*>(deadline.as_ace_timeout()));
-}
-
-int ThreadCondition::signal() { return ACE_OS::cond_signal(&m_condition); }
-
-int ThreadCondition::broadcast() { return ACE_OS::cond_broadcast(&m_condition); }
-
-}  // namespace tqcore
-
-// ---- Future ----------------------------------------------------------------------------------
 
 namespace tqcore {
 namespace impl {
@@ -45,11 +14,23 @@ namespace {
 
 char const kFileId[] = TQCORE_FILE_ID("future");
 
+// ACE allocates the event's data with a non-throwing new and, should that fail, only logs it:
+// the data pointer, the handle's second word, stays null. A waiter then fails with an error
+// instead of following it.
+bool event_is_usable(ACE_Event_T<ACE_System_Time_Policy> const& event) {
+  static_assert(std::is_standard_layout_v<ACE_event_t>, "the handle's words are read by place");
+  ACE_event_t const handle = event.handle();
+  void* data = nullptr;
+  std::memcpy(&data, reinterpret_cast<unsigned char const*>(&handle) + sizeof(char*), sizeof(data));
+  return data != nullptr;
+}
+
 }  // namespace
 
 FutureImplBase::FutureImplBase()
     : m_event(1, 0, USYNC_THREAD, static_cast<ACE_TCHAR const*>(nullptr), nullptr,
-              LPSECURITY_ATTRIBUTES()) {}
+              LPSECURITY_ATTRIBUTES()),
+      m_eventUsable(event_is_usable(m_event)) {}
 
 FutureImplBase::~FutureImplBase() {
   while (!m_observers.empty()) m_observers.pop_back();  // last registered first, none notified
@@ -62,6 +43,10 @@ void FutureImplBase::wait_failed() const {
 // Tells a setter to come, under the lock that the setter takes: either the future is set
 // already, or the setter will see that it must signal the event.
 bool FutureImplBase::announce_blocking() const {
+  if (!m_eventUsable && !ready_unlocked()) {
+    errno = ENOMEM;
+    wait_failed();
+  }
   ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
   if (ready_unlocked()) return false;
   m_waiter_may_block = true;
@@ -119,9 +104,11 @@ bool FutureImplBase::set(ErrorInfo::Ptr error) {
         error::tqcore_future_nullError, "Cannot signal Future with a NULL error",
         SourceLocation("tqcore::impl::FutureImplBase::set()", kFileId, __LINE__), EINVAL);
   }
+  std::vector<Observer> released;
   ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
   if (ready_unlocked()) return false;
-  notify_observers([&](IFutureObserverBase* observer) { observer->future_failed(error); });
+  notify_observers(released,
+                   [&](IFutureObserverBase* observer) { observer->future_failed(error); });
   m_error.swap(error);
   signal_ready();
   return true;
@@ -151,17 +138,20 @@ bool FutureImplBase::add_observer(IFutureObserverBase* observer,
 }
 
 bool FutureImplBase::remove_observer(IFutureObserverBase* observer) {
+  Observer removed;  // released after the lock, like the observers of set
   ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
   Observer* const found = find_observer(observer);
   if (found == m_observers.data() + m_observers.size()) return false;
+  removed = std::move(*found);
   m_observers.erase(m_observers.begin() + (found - m_observers.data()));
   return true;
 }
 
 bool FutureImpl<void>::set() {
+  std::vector<Observer> released;
   ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
   if (ready_unlocked()) return false;
-  notify_observers([](IFutureObserverBase* observer) { observer->future_succeeded(); });
+  notify_observers(released, [](IFutureObserverBase* observer) { observer->future_succeeded(); });
   signal_ready();
   return true;
 }
@@ -175,27 +165,4 @@ void FutureImpl<void>::get() const {
 void raise_future_error(ErrorInfo::Ptr const& error) { ErrorException::throw_error(error); }
 
 }  // namespace impl
-}  // namespace tqcore
-
-// ---- Barrier of futures ----------------------------------------------------------------------
-
-namespace tqcore {
-namespace {
-
-// A plain exception of the standard kind: typed access is a programming error, not an outcome.
-class BadFutureCast : public std::bad_cast {
- public:
-  char const* what() const noexcept override { return "AnyFutureBarrier : bad future cast"; }
-};
-
-}  // namespace
-
-size_t AnyFutureBarrier::set_error_if_not_ready(ErrorInfo::Ptr const& error) const {
-  size_t count = 0;
-  for (AnyFuture const& element : m_elements) count += element.cell().set(error) ? 1 : 0;
-  return count;
-}
-
-void AnyFutureBarrier::raise_bad_future_cast() { throw BadFutureCast(); }
-
 }  // namespace tqcore

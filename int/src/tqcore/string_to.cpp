@@ -170,13 +170,13 @@ void report(ErrorInfo::Ptr record, ErrorInfo::Ptr* error) {
 std::string quoted(char const* text, size_t size) {
   std::ostringstream out;
   streamers::String::write_string(out, text, size, streamers::String::maxlenDefault, '"');
-  return out.str();
+  return stream_text(out);
 }
 
 std::string quoted(wchar_t const* text, size_t size) {
   std::ostringstream out;
   streamers::WString::write_string(out, text, size, streamers::WString::maxlenDefault, '"');
-  return out.str();
+  return stream_text(out);
 }
 
 ErrorParams type_and_text(std::type_info const& type, std::string const& text) {

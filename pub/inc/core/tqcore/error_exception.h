@@ -8,6 +8,7 @@
 #include <tqcore/source_string.h>
 #include <tqcore/tqcore_export.h>
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <iosfwd>
@@ -76,7 +77,7 @@ class TQCORE_EXPORT ErrorException : public std::exception {
 
  private:
   ErrorInfo::Ptr m_error;
-  mutable std::unique_ptr<std::string> m_whatText;
+  mutable std::atomic<std::string*> m_whatText{nullptr};
 };
 
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException const& exception);

@@ -83,12 +83,14 @@ class TQCORE_EXPORT FutureImplBase : public RefCounted<AtomicRefCount> {
   void signal_ready();
   Observer* find_observer(IFutureObserverBase* observer);
   bool ready_unlocked() const noexcept { return m_ready.load(std::memory_order_acquire); }
-  // Calls `notify` on every observer in order, then forgets them all. An exception leaves with
+  // Calls `notify` on every observer in order, then hands them all to `released`, which the
+  // caller declares before taking the lock: an owner may hold the last reference to something
+  // that asks this future again, so none is released under the lock. An exception leaves with
   // every observer still in place.
   template <class F>
-  void notify_observers(F notify) {
+  void notify_observers(std::vector<Observer>& released, F notify) {
     for (Observer& observer : m_observers) notify(observer.get());
-    m_observers.clear();
+    released.swap(m_observers);
   }
   void wait_failed() const;
   bool announce_blocking() const;
@@ -100,6 +102,7 @@ class TQCORE_EXPORT FutureImplBase : public RefCounted<AtomicRefCount> {
   ErrorInfo::Ptr m_error;
   std::vector<Observer> m_observers;
   mutable ACE_Event_T<ACE_System_Time_Policy> m_event;
+  bool m_eventUsable;  // ACE reports a failed set-up of the event only by leaving it empty
 };
 
 template <class T>
@@ -108,13 +111,21 @@ class FutureImpl : public FutureImplBase {
   using FutureImplBase::set;
 
   // The value is written before the flag; false when the future was already set.
+  // The value is stored before any observer hears of it: should moving it in fail, nobody was
+  // told of a success that did not happen; should an observer raise, it is taken back out.
   bool set(T value) {
+    std::vector<Observer> released;
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
     if (ready_unlocked()) return false;
-    notify_observers([&](IFutureObserverBase* o) {
-      static_cast<IFutureObserver<T>*>(o)->future_succeeded(value);
-    });
     m_value.emplace(std::move(value));
+    try {
+      notify_observers(released, [&](IFutureObserverBase* o) {
+        static_cast<IFutureObserver<T>*>(o)->future_succeeded(*m_value);
+      });
+    } catch (...) {
+      m_value.reset();
+      throw;
+    }
     signal_ready();
     return true;
   }

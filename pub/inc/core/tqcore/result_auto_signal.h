@@ -9,6 +9,7 @@
 #include <tqcore/tqcore_export.h>
 
 #include <cstddef>
+#include <exception>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -19,8 +20,13 @@ namespace impl {
 class TQCORE_EXPORT AutoSignalAsyncResultBase {
  public:
   // Copies share the handlers: each copy that ends with handlers signals them.
-  AutoSignalAsyncResultBase(AutoSignalAsyncResultBase const&) = default;
-  AutoSignalAsyncResultBase& operator=(AutoSignalAsyncResultBase const&) = default;
+  AutoSignalAsyncResultBase(AutoSignalAsyncResultBase const& other)
+      : m_handlers(other.m_handlers), m_failure(other.m_failure) {}
+  AutoSignalAsyncResultBase& operator=(AutoSignalAsyncResultBase const& other) {
+    m_handlers = other.m_handlers;
+    m_failure = other.m_failure;
+    return *this;
+  }
   // Leaves the source empty, so that handing a guard to another thread (a lambda capture, a
   // std::function) does not leave a second owner behind to fail the handlers.
   AutoSignalAsyncResultBase(AutoSignalAsyncResultBase&& other) noexcept
@@ -35,7 +41,9 @@ class TQCORE_EXPORT AutoSignalAsyncResultBase {
       : m_failure(failure) {}
   // Signals the failure (or, when none was set, "Derived class neither set the failure nor
   // called signal_success().") to each handler left, in order. A handler that raises leaves by
-  // the exception; the ones after it go unsignalled and report that themselves.
+  // the exception; the ones after it go unsignalled and report that themselves. While an
+  // exception that began after the guard was made unwinds the stack, every handler is
+  // signalled and what they raise goes to the critical-error trace instead.
   ~AutoSignalAsyncResultBase() noexcept(false);
 
   void reserve(size_t count) { m_handlers.reserve(count); }
@@ -51,6 +59,7 @@ class TQCORE_EXPORT AutoSignalAsyncResultBase {
  private:
   std::vector<RefCountPtr<AsyncResultBase>> m_handlers;
   ErrorInfo::Ptr m_failure;
+  int m_uncaught = std::uncaught_exceptions();  // exceptions in flight when it was made
 };
 
 }  // namespace impl

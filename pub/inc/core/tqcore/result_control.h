@@ -96,12 +96,18 @@ TQCORE_EXPORT bool result_was_cancelled(ErrorInfo::Ptr const& error);
 
 }  // namespace impl
 
+namespace impl {
+class ScopeCheck;
+}  // namespace impl
+
 // The caller's side: a stack object, never shared between threads. Becomes active on its
 // thread when the first handler is built from it, and leaves that thread's list when destroyed.
 class TQCORE_EXPORT ResultControlBase {
  public:
-  // An active control destroyed on another thread raises "error.tqcore.result.wrongThread";
-  // the exception leaves the destructor.
+  // An active control destroyed on another thread leaves the list of the thread that
+  // activated it, then raises "error.tqcore.result.wrongThread"; the exception leaves the
+  // destructor, unless an exception that began after the activation is unwinding the stack:
+  // then the error goes to the critical-error trace instead of ending the process.
   virtual ~ResultControlBase() noexcept(false) {
     if (m_id != 0) deactivate();
   }
@@ -119,12 +125,15 @@ class TQCORE_EXPORT ResultControlBase {
 
  private:
   friend class AsyncResultBase;
+  friend class impl::ScopeCheck;
 
   unsigned int activate() const;
   void deactivate() const;
 
   mutable unsigned int m_id = 0;
+  mutable int m_uncaught = 0;  // exceptions in flight when it was activated
   mutable ResultControlBase const* m_previous = nullptr;
+  mutable void* m_anchor = nullptr;  // the list of the thread that activated it
 };
 
 template <class T = void>

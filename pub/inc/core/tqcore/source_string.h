@@ -6,6 +6,7 @@
 #include <tqcore/refcounted.h>
 #include <tqcore/tqcore_export.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,7 +18,8 @@
 namespace tqcore {
 
 // Trace state of a text that a trace sink has written once and can afterwards refer to by
-// file offset. Not synchronised: the sink that owns a sink number is the one caller.
+// file offset. Each sink is the one caller for its own sink number; different sinks may call
+// at the same time.
 class TQCORE_EXPORT StringTraceData {
  public:
   static constexpr size_t max_trace_sink_count() { return 4; }
@@ -34,7 +36,7 @@ class TQCORE_EXPORT StringTraceData {
   static void write_to_stream(std::ostream& stream, Ptr const& data);
 
  protected:
-  StringTraceData() noexcept : m_traceState(0) {}
+  StringTraceData() noexcept : m_traceState{0} {}
   StringTraceData(StringTraceData const&) = delete;
   StringTraceData& operator=(StringTraceData const&) = delete;
   ~StringTraceData();
@@ -44,8 +46,9 @@ class TQCORE_EXPORT StringTraceData {
     unsigned int file_id;
     unsigned int offset;
   };
-  // 0: nothing; low bit set: one inline record for sink 0; otherwise a Record[4] pointer.
-  mutable uint64_t m_traceState;
+  // 0: nothing; low bit set: one inline record for sink 0; otherwise a Record[4] pointer,
+  // published once by compare-and-exchange.
+  mutable std::atomic<uint64_t> m_traceState;
 };
 
 class SourceString;

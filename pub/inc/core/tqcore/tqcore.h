@@ -3,16 +3,17 @@
 
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/barrier.h>
+#include <tqcore/diagnostics.h>
 #include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
 #include <tqcore/error_exception.h>
 #include <tqcore/error_info.h>
 #include <tqcore/error_params.h>
 #include <tqcore/future.h>
-#include <tqcore/refcount_ptr.h>
 #include <tqcore/murmur_hash.h>
 #include <tqcore/object_key.h>
 #include <tqcore/random.h>
+#include <tqcore/refcount_ptr.h>
 #include <tqcore/refcounted.h>
 #include <tqcore/result.h>
 #include <tqcore/result_auto_signal.h>
