@@ -13,6 +13,7 @@
 #include <functional>
 #include <new>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -128,6 +129,49 @@ TEST(ScopeCheck, EndingOnAnotherThreadRaises) {
             "activated.");
   EXPECT_EQ(on_other_list->location().function(), "tqcore::ResultControlBase::deactivate()");
   EXPECT_TRUE(on_empty_list && on_empty_list->matches("error.tqcore.result.wrongThread"));
+}
+
+// The control ended elsewhere leaves its thread's list first: that thread goes on walking it.
+TEST(ScopeCheck, EndingOnAnotherThreadUnlinksTheControlFirst) {
+  using Control = Placed<ResultControlIgnored<>>;
+  auto* const foreign = new Control();
+  Future<> made, ended;
+  bool still_checked = false;
+  std::thread owner([&] {
+    (*foreign)->create_async_handler();
+    ResultControlIgnored<> const newer;
+    RefCountPtr<AsyncResult<>> const handler = newer.create_async_handler();
+    made.set();
+    ended.wait();
+    // The list runs newer -> foreign; foreign's memory is gone by now.
+    still_checked = raises_scope_error([&] { handler->on_async_result_success(); });
+  });
+  made.wait();
+  ErrorInfo::Ptr const raised = foreign->end();
+  delete foreign;
+  ended.set();
+  owner.join();
+  EXPECT_TRUE(raised && raised->matches("error.tqcore.result.wrongThread"));
+  EXPECT_TRUE(still_checked);
+}
+
+// Left by an exception, a guard still signals; what that raises is traced, not thrown.
+TEST(ScopeCheck, AGuardUnwoundByAnExceptionTracesInsteadOfEndingTheProcess) {
+  tqcore_test::ChildResult const child = tqcore_test::run_in_child([] {
+    Future<> future;
+    ResultControlFutureRef<> const control(future);
+    try {
+      AutoSignalAsyncResult<> const guard(control.create_async_handler());
+      throw std::runtime_error("the work failed");
+    } catch (std::runtime_error const&) {
+      std::printf("caught\n");
+    }
+    return 0;
+  });
+  EXPECT_TRUE(child.exited(0)) << child.output;
+  EXPECT_NE(child.output.find("*** CRITICAL-ERROR - "), std::string::npos) << child.output;
+  EXPECT_NE(child.output.find("error.tqcore.result.invalidAsyncSignalScope"), std::string::npos);
+  EXPECT_NE(child.output.find("caught\n"), std::string::npos);
 }
 
 TEST(ScopeCheck, AnAdapterSignalledSynchronouslyInsideTheOuterScopeRaises) {
