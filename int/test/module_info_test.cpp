@@ -130,4 +130,12 @@ TEST_F(SecondCopy, GoesOnWhenTheEnvironmentSaysSo) {
   EXPECT_NE(child.output.find("second copy loaded, going on\n"), std::string::npos);
 }
 
+// A renamed copy stands for a plugin's own tqcore: it registers, and unloads leaving nothing.
+TEST_F(SecondCopy, ACopyUnloadsAndLeavesTheRegistryAsItFoundIt) {
+  ChildResult const child =
+      run_program(TQCORE_MODULE_UNLOAD_HELPER, {m_copy}, {"ASAN_OPTIONS=detect_leaks=0"});
+  EXPECT_TRUE(child.exited(0)) << child.status << "\n" << child.output;
+  EXPECT_EQ(child.output, "before: absent\nloaded: registered\nunloaded: gone, absent\n");
+}
+
 }  // namespace

@@ -66,6 +66,10 @@ constexpr MonotonicTimeBase MonotonicTimeBase::max_time{RelativeTime::max_time};
 constexpr MonotonicTimeBase MonotonicTimeBase::zero{RelativeTime::zero};
 constexpr MonotonicTimeBase MonotonicTimeBase::infinite{RelativeTime::infinite};
 
+std::string MonotonicTimeBase::as_string() const {
+  return RelativeTime::nanoseconds(m_value).as_string();
+}
+
 // ---- RelativeTime ----------------------------------------------------------------------------
 
 namespace {

@@ -186,6 +186,17 @@ SourceLocation range_location(int line) {
 }
 }  // namespace
 
+ErrorInfo::Ptr impl::time_range_error(bool after, int line) {
+  return ErrorInfo::create(error::tqcore_absoluteTime_range,
+                           after ? "The specified Gregorian date/time represent a date after "
+                                   "'2262-04-11 23:47:16.854775806' (the maximum representable by "
+                                   "tqcore::AbsoluteTime)"
+                                 : "The specified Gregorian date/time represent a date before "
+                                   "'1677-09-21 00:12:43.145224192' (the minimum representable "
+                                   "by tqcore::AbsoluteTime)",
+                           range_location(line));
+}
+
 ErrorInfo::Ptr impl::time_from_date(Components const& c, long long ns, AbsoluteTime* out) {
   int const a = (14 - c.month()) / 12;
   uint32_t const y = static_cast<uint32_t>(c.year() + 4800 - a);
@@ -193,18 +204,10 @@ ErrorInfo::Ptr impl::time_from_date(Components const& c, long long ns, AbsoluteT
   uint32_t const jdn = c.day() + static_cast<uint32_t>((153 * m + 2) / 5) + 365 * y + y / 4 -
                        y / 100 + y / 400 - 32045;
   if (jdn < 2333836 || (jdn == 2333836 && ns < 763145224192LL)) {
-    return ErrorInfo::create(error::tqcore_absoluteTime_range,
-                             "The specified Gregorian date/time represent a date before "
-                             "'1677-09-21 00:12:43.145224192' (the minimum representable by "
-                             "tqcore::AbsoluteTime)",
-                             range_location(__LINE__));
+    return time_range_error(false, __LINE__);
   }
   if (jdn > 2547339 || (jdn == 2547339 && ns > 85636854775806LL)) {
-    return ErrorInfo::create(error::tqcore_absoluteTime_range,
-                             "The specified Gregorian date/time represent a date after "
-                             "'2262-04-11 23:47:16.854775806' (the maximum representable by "
-                             "tqcore::AbsoluteTime)",
-                             range_location(__LINE__));
+    return time_range_error(true, __LINE__);
   }
   if (out != nullptr) {
     // In unsigned arithmetic: at the first day the product alone is below the 64-bit range.
@@ -230,6 +233,8 @@ AbsoluteTime AbsoluteTime::from_components(Components const& components) {
 }
 
 void AbsoluteTime::set(Components const& components) { *this = from_components(components); }
+
+AbsoluteTime::AbsoluteTime(Components const& components) { set(components); }
 
 AbsoluteTime::Components AbsoluteTime::as_components() const { return Components(*this); }
 int AbsoluteTime::julian_day() const { return Components(*this).julian_day(); }

@@ -256,10 +256,10 @@ void RelativeTime::add_time_value_of_unit(unsigned long long& total, unsigned lo
   }
   total += product;
   if (numerator == 0) return;
-  unsigned long long const part =
-      numerator >= limit - 1 ? static_cast<unsigned long long>(
-                                   static_cast<double>(numerator) / denominator * unit + 0.5)
-                             : (denominator / 2 + unit * numerator) / denominator;
+  // The fraction of the unit, exact and rounded to nearest: the product and the rounding term
+  // need up to 128 bits.
+  auto const part = static_cast<unsigned long long>(
+      (static_cast<unsigned __int128>(unit) * numerator + denominator / 2) / denominator);
   total = part >= ~total ? kAllOnes : total + part;
 }
 

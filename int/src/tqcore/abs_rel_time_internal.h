@@ -20,6 +20,9 @@ win32::SystemTime file_time_to_system_time(win32::FileTime const& ft) noexcept;
 ErrorInfo::Ptr time_from_date(AbsoluteTime::Components const& date, long long nanoseconds,
                               AbsoluteTime* out);
 
+// "error.tqcore.absoluteTime.range": a time before the first or after the last finite one.
+ErrorInfo::Ptr time_range_error(bool after, int line);
+
 // A fixed buffer the time writers fill by hand: a format string costs more than the arithmetic.
 // 64 characters hold the longest date-time or duration text.
 class TimeText {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ostream>
 
+#include "abs_rel_time_internal.h"
 #include "file_ids.h"
 
 namespace tqcore {
@@ -37,6 +38,30 @@ bool two_digits(char const* p, int* value) {
 
 }  // namespace
 
+namespace {
+
+// Whole days of an offset beyond half a day move into the base, so that the local time stays;
+// the rest is the offset, -720 to 720. A base that would leave the finite range is a range
+// failure (never the infinite pattern with an offset).
+ErrorInfo::Ptr normalised(AbsoluteTime const& base, int minutes, AbsoluteTime* base_out,
+                          int* minutes_out) {
+  *base_out = base;
+  *minutes_out = minutes;
+  if (base.is_infinite() || (minutes >= -kHalfDay && minutes <= kHalfDay)) return nullptr;
+  long long const wide = minutes;  // wide: minutes near INT_MIN or INT_MAX must not overflow
+  long long const days = wide > kHalfDay ? (wide + kHalfDay) / kDay : -((kHalfDay - wide) / kDay);
+  long long shifted;
+  if (__builtin_add_overflow(base.as_nsec(), days * 86400000000000LL, &shifted) ||
+      shifted > impl::TimeBase::TIMEVALUE_MAX) {
+    return impl::time_range_error(days > 0, __LINE__);
+  }
+  *base_out = AbsoluteTime::from_nsec(shifted);
+  *minutes_out = static_cast<int>(wide - days * kDay);
+  return nullptr;
+}
+
+}  // namespace
+
 void SimpleDateTime::set(AbsoluteTime const& base, int minutes) {
   if (base.is_infinite() && minutes != 0) {
     ErrorComposer("Timezone offset must be 0 if base-UTC time is infinite")
@@ -44,19 +69,11 @@ void SimpleDateTime::set(AbsoluteTime const& base, int minutes) {
         .throw_error(error::tqcore_simpleDateTime_timezoneOffset,
                      SourceLocation("tqcore::SimpleDateTime::set()", kFileId, __LINE__));
   }
-  m_base = base;
-  if (base.is_infinite() || (minutes >= -kHalfDay && minutes <= kHalfDay)) {
-    m_offset = minutes;
-    return;
-  }
-  // Whole days move into the base, so that the local time stays.
-  // Wide arithmetic: minutes near INT_MIN or INT_MAX must not overflow.
-  long long const wide = minutes;
-  long long const days = wide > kHalfDay ? (wide + kHalfDay) / kDay : -((kHalfDay - wide) / kDay);
-  m_offset = static_cast<int>(wide - days * kDay);
-  // Like every plain time sum, a shift past the range wraps rather than being undefined.
-  m_base += RelativeTime::nanoseconds(
-      static_cast<long long>(static_cast<uint64_t>(days) * 86400000000000ULL));
+  AbsoluteTime new_base;
+  int new_offset;
+  ErrorException::throw_if_error(normalised(base, minutes, &new_base, &new_offset));
+  m_base = new_base;
+  m_offset = new_offset;
 }
 
 void SimpleDateTime::set(AbsoluteTime const& base, RelativeTime const& offset) {
@@ -126,6 +143,12 @@ ErrorInfo::Ptr SimpleDateTime::from_string_nothrow(char const* text, size_t size
     if (minutes > 59)
       return invalid("Minutes in timezone must be 0...59: \"{@dateTime}\"", text, size);
     offset = (hours * 60 + minutes) * (*marker == '-' ? -1 : 1);
+  }
+  AbsoluteTime normal_base;
+  int normal_offset;
+  if (ErrorInfo::Ptr range = normalised(base, offset, &normal_base, &normal_offset)) {
+    return invalid("Components of UTC date/time string exceeds date range: \"{@dateTime}\"", text,
+                   size, range);
   }
   // An infinite base with an offset raises here: a known property of this function.
   if (out != nullptr) out->set(base, offset);

@@ -1,6 +1,7 @@
 #include <tqcore/error_params.h>
 #include <tqcore/streamers.h>
 #include <tqcore/string_to.h>
+#include <tqcore/transforms.h>
 #include <tqcore/ucsutil.h>
 
 #include <cstring>
@@ -10,22 +11,21 @@
 namespace tqcore {
 namespace streamers {
 
+// At least `digits` digits, however many that is; a value needs 16 at the most.
 void Hex::write_trace_impl(std::ostream& stream, unsigned long long value,
                            unsigned long long digits) {
-  constexpr unsigned long long kMostDigits = 64;  // more would be padding nobody asks for
-  if (digits > kMostDigits) digits = kMostDigits;
-  char buffer[2 + kMostDigits];
-  char* end = buffer + sizeof(buffer);
+  char buffer[16];
+  char* const end = buffer + sizeof(buffer);
   char* p = end;
-  unsigned long long written = 0;
   do {
-    *--p = "0123456789abcdef"[value & 15];
+    *--p = impl::TransformHelperHex::sm_fromBinaryTable[value & 15];
     value >>= 4;
-    ++written;
-  } while (value != 0 || written < digits);
-  *--p = 'x';
-  *--p = '0';
-  stream << std::string(p, end);  // one string, so that a field width applies to the whole
+  } while (value != 0);
+  auto const significant = static_cast<unsigned long long>(end - p);
+  std::string text("0x");
+  if (digits > significant) text.append(digits - significant, '0');
+  text.append(p, end);
+  stream << text;  // one string, so that a field width applies to the whole
 }
 
 void Pointer::write_trace_impl(std::ostream& stream, void const* value) {
@@ -65,7 +65,7 @@ void render_hex_dump(std::ostream& stream, void const* data, size_t size, void c
   if (data == nullptr || size == 0) return;
   auto const* bytes = static_cast<unsigned char const*>(data);
   uintptr_t line_address = reinterpret_cast<uintptr_t>(address);
-  char const* const digits = "0123456789abcdef";
+  char const* const digits = impl::TransformHelperHex::sm_fromBinaryTable;
   for (size_t at = 0; at < size; at += 16, line_address += 16) {
     char line[16 + 2 + 48 + 2 + 16 + 1];
     char* p = line;

@@ -82,8 +82,6 @@ void TransformHelperBase32::raise_padding_error() {
         "tqcore::impl::TransformHelperBase32::raise_padding_error()", __LINE__);
 }
 
-char const TransformHelperHex::sm_fromBinaryTable[] = "0123456789abcdef";
-
 void TransformHelperHex::raise_invalid_character_error() {
   raise(error::tqcore_transforms_hex_invalid,
         "Invalid character in hex sequence, expecting: 0-9a-fA-F",

@@ -4,6 +4,7 @@
 #include <tqcore/error_exception.h>
 #include <tqcore/random.h>
 #include <tqcore/thread_mutex.h>
+#include <tqcore/transforms.h>
 #include <tqcore/uuid.h>
 
 #include <ace/Guard_T.h>
@@ -51,7 +52,7 @@ constexpr unsigned char kHyphensBefore[16] = {0, 0, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4
 struct HexPairs {
   char pairs[256][2];
   constexpr HexPairs() : pairs() {
-    constexpr char digits[] = "0123456789abcdef";
+    constexpr char const* digits = impl::TransformHelperHex::sm_fromBinaryTable;
     for (int b = 0; b < 256; ++b) {
       pairs[b][0] = digits[b >> 4];
       pairs[b][1] = digits[b & 15];

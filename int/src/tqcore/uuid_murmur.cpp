@@ -70,7 +70,8 @@ struct Halves {
 std::atomic<uint64_t> g_seed{0};
 
 // Drawn on first use, again while its low half is zero, and published once: threads racing
-// on the first use all take the first seed stored. (If each kept its own draw, two of them
+// on the first use all take the first seed stored. The generator it draws from lives in static
+// storage built at load, so drawing allocates nothing. (If each kept its own draw, two of them
 // could hash one text differently, and interned keys of one text would not meet.)
 uint64_t process_seed() noexcept {
   uint64_t seed = g_seed.load(std::memory_order_acquire);

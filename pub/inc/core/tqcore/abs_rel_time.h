@@ -132,6 +132,8 @@ class TQCORE_EXPORT TimeBase {
     return is_infinite() ? MAX_TIMEVAL_USEC
                          : static_cast<int32_t>((m_value % NANOSECONDS_IN_ONE_SECOND) / 1000);
   }
+  // The writers keep the 32-bit seconds of the interface, so they wrap for times after
+  // 2038-01-19 03:14:07 UTC: beyond that, use as_nsec() or as_time_t().
   timeval as_timeval() const noexcept;
   // No test for infinite: its bit pattern gives 633437444 s and 854775807 ns.
   timespec as_timespec() const noexcept;
@@ -144,12 +146,19 @@ class TQCORE_EXPORT TimeBase {
   void set(int32_t seconds, int32_t microseconds) noexcept {
     m_value = (static_cast<long long>(seconds) * MICROSECONDS_IN_ONE_SECOND + microseconds) * 1000;
   }
+  // The readers take the seconds at their full 64-bit width, so times after 2038 from
+  // clock_gettime and gettimeofday stay right; the sub-second field is cut to 32 bits. The
+  // arithmetic wraps, never overflows.
   void set(timeval const& tv) noexcept {
-    set(static_cast<int32_t>(tv.tv_sec), static_cast<int32_t>(tv.tv_usec));
+    m_value = static_cast<long long>(
+        (static_cast<uint64_t>(tv.tv_sec) * MICROSECONDS_IN_ONE_SECOND +
+         static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(tv.tv_usec)))) *
+        1000u);
   }
   void set(timespec const& ts) noexcept {
-    m_value = static_cast<long long>(static_cast<int32_t>(ts.tv_sec)) * NANOSECONDS_IN_ONE_SECOND +
-              static_cast<int32_t>(ts.tv_nsec);
+    m_value = static_cast<long long>(
+        static_cast<uint64_t>(ts.tv_sec) * NANOSECONDS_IN_ONE_SECOND +
+        static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(ts.tv_nsec))));
   }
   void set(ACE_Time_Value const& tv) noexcept;
   void set(ACE_Time_Value const* tv) noexcept {
@@ -355,6 +364,8 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
   AbsoluteTime(win32::SystemTime const& st, bool local) noexcept { set(st, local); }
   // The base plus the offset, infinite if either is.
   AbsoluteTime(RelativeTime const& offset, AbsoluteTime const& base) noexcept { set(offset, base); }
+  // As from_components: raises for components outside the range.
+  explicit AbsoluteTime(Components const& components);
 
   using TimeBase::set;
   // Ticks minus the 1601 offset, times 100, wrapping; MAX_FILETIME gives no infinite. With
@@ -541,6 +552,8 @@ class TQCORE_EXPORT MonotonicTimeBase {
   constexpr uint64_t hash() const noexcept {
     return static_cast<uint64_t>((m_value >> 32) ^ m_value);
   }
+  // RelativeTime's human text of the same count.
+  std::string as_string() const;
 
  protected:
   constexpr MonotonicTimeBase() noexcept : m_value(0) {}

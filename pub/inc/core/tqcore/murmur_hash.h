@@ -16,7 +16,7 @@ inline uint64_t murmur_hash(char const* data, size_t size) {
   return murmur_hash(static_cast<void const*>(data), size);
 }
 // `size` counts characters. The text is hashed in its UTF-16 form, as on every platform of the
-// family; a value that is no Unicode character hashes as U+FFFD.
+// family; a value above U+10FFFF hashes as U+FFFD, and a lone surrogate as its own unit.
 TQCORE_EXPORT uint64_t murmur_hash(wchar_t const* data, size_t size);
 
 // Incremental form: any split of the input gives the digest of the whole.

@@ -47,7 +47,8 @@ class TQCORE_EXPORT TransformHelperBase32 {
 
 class TQCORE_EXPORT TransformHelperHex {
  public:
-  static char const sm_fromBinaryTable[];
+  // The library's one table of hexadecimal digits.
+  static constexpr char sm_fromBinaryTable[17] = "0123456789abcdef";
   [[noreturn]] static void raise_invalid_character_error();
   [[noreturn]] static void raise_truncated_sequence_error();
   // '0'-'9', 'a'-'f', 'A'-'F' to their value; anything else raises.
