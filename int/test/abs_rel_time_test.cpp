@@ -85,6 +85,13 @@ TEST(TimeValues, TimevalTimespecAndAceForms) {
   EXPECT_EQ(RelativeTime(ts).as_nsec(), 3000000250LL);
 }
 
+// clock_gettime and gettimeofday give 64-bit seconds: times after 2038 read right.
+TEST(TimeValues, ReadersKeepSecondsBeyond2038) {
+  EXPECT_EQ(AbsoluteTime(timespec{3000000000, 5}).as_string(), "2065-01-24 05:20:00.000000005");
+  EXPECT_EQ(AbsoluteTime(timeval{3000000000, 7}).as_nsec(), 3000000000000007000LL);
+  EXPECT_EQ(AbsoluteTime(timespec{-3000000000, 0}).as_nsec(), -3000000000000000000LL);
+}
+
 TEST(TimeValues, Win32Timeouts) {
   RelativeTime t;
   t.set_win32_timeout(0xFFFFFFFFu);
@@ -400,6 +407,10 @@ INSTANTIATE_TEST_SUITE_P(
         DurationCase{"-2562047h 2562047h", kInf, nullptr},
         DurationCase{"1d 2h 3m 4.5s 6ms 7us 8ns", 93784506007008LL, nullptr},
         DurationCase{"PT0.5S", 500000000, nullptr}, DurationCase{"P0Y0M1D", 86400 * kS, nullptr},
+        // Fractions whose rounding term once wrapped past 64 bits.
+        DurationCase{"P0.0000000000003045W", 184, nullptr},
+        DurationCase{"P0.00000000000030450W", 184, nullptr},
+        DurationCase{"PT0.000000018446744071S", 18, nullptr},
         DurationCase{"P1Y", 0,
                      "Units Y(year) and M(onth) are not supported because they are ambiguous "
                      "without a reference date (position 2)"},

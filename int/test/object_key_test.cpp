@@ -198,8 +198,8 @@ TEST(ObjectKey, PointerTokensTraceTheProcessNameAndTheAddress) {
   EXPECT_EQ(ObjectKey(a), ObjectKey(RefCountPtr<ObjectKeyToken>(new PointerToken(&target))));
 }
 
-// After the library's statics are gone (the object manager's exit processing runs later),
-// interning raises, and a key that outlived the cache still reads its text.
+// After the process's last cleanup, interning raises, and a key that outlived the cache still
+// reads its text.
 TEST(ObjectKeyCache, InterningAfterUnloadRaises) {
   tqcore_test::ChildResult const child = tqcore_test::run_in_child([] {
     static StringKey* survivor = new StringKey("object-key-test-survivor");
@@ -220,9 +220,11 @@ TEST(ObjectKeyCache, InterningAfterUnloadRaises) {
     return 0;
   });
   EXPECT_TRUE(child.exited(0)) << child.output;
-  EXPECT_EQ(child.output,
-            "survivor=object-key-test-survivor\n"
-            "raised: tqcore::impl::ObjectKeyCache not constructed or already destroyed\n");
+  EXPECT_NE(child.output.find("survivor=object-key-test-survivor\n"
+                              "raised: tqcore::impl::ObjectKeyCache not constructed or already "
+                              "destroyed\n"),
+            std::string::npos)
+      << child.output;
 }
 
 }  // namespace

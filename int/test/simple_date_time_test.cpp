@@ -92,6 +92,7 @@ constexpr char kForm[] =
 constexpr char kAfterZ[] =
     "Invalid timezone offset in date/time string (nothing allowed after 'Z' designator): ";
 constexpr char kMinutes[] = "Minutes in timezone must be 0...59: ";
+constexpr char kRange[] = "Components of UTC date/time string exceeds date range: ";
 
 INSTANTIATE_TEST_SUITE_P(Failures, SimpleDateTimeRejects,
                          testing::Values(Rejected{"2000-01-01T12:00:00+5", kForm, false},
@@ -102,7 +103,11 @@ INSTANTIATE_TEST_SUITE_P(Failures, SimpleDateTimeRejects,
                                          Rejected{"2000-01-01T12:00:00Z1", kAfterZ, false},
                                          Rejected{"2000-01-01", kBase, true},
                                          Rejected{"", kBase, true},
-                                         Rejected{"+01:00", kBase, true}));
+                                         Rejected{"+01:00", kBase, true},
+                                         // Offsets that would carry the base out of range.
+                                         Rejected{"22620411T0000+23", kRange, true},
+                                         Rejected{"16770921T1200-23", kRange, true},
+                                         Rejected{"22620410T234716.854775807+1201", kRange, true}));
 
 TEST(SimpleDateTime, LocalTimeDecidesEqualityOrderAndHash) {
   SimpleDateTime const plus_one = parse("2000-01-01T12:00:00+01:00");
