@@ -41,10 +41,9 @@ Components::Components(int julian_day) : m_hour(12) {
   init_from_jdn(static_cast<unsigned int>(julian_day));
 }
 
-// Every AbsoluteTime's day lies within +-106752 days of 1970, where the short Euclidean-affine
-// form of the Gregorian calendar (Neri and Schneider, 2021) gives the same date as
-// init_from_jdn with four multiplications instead of a chain of twenty.
-void Components::init_from_unix_day(int32_t day) noexcept {
+// The short Euclidean-affine form of the Gregorian calendar (Neri and Schneider, 2021): the
+// same date as init_from_jdn with four multiplications instead of a chain of twenty.
+impl::CivilDate impl::civil_from_unix_day(int64_t day) noexcept {
   constexpr uint32_t kEras = 82;  // shifts every day of the range to a positive count
   constexpr uint32_t kShift = 719468 + 146097 * kEras;
   uint32_t const n1 = 4 * (static_cast<uint32_t>(day) + kShift) + 3;
@@ -55,9 +54,24 @@ void Components::init_from_unix_day(int32_t day) noexcept {
   uint32_t const day_of_year = static_cast<uint32_t>(p2) / 2939745 / 4;  // from March 1
   uint32_t const n3 = 2141 * day_of_year + 197913;
   bool const january_or_february = day_of_year >= 306;
-  m_year = static_cast<short>(100 * century + year_of_century - 400 * kEras + january_or_february);
-  m_month = static_cast<unsigned short>((n3 >> 16) - (january_or_february ? 12 : 0));
-  m_day = static_cast<unsigned short>((n3 & 0xFFFF) / 2141 + 1);
+  return impl::CivilDate{
+      static_cast<int32_t>(100 * century + year_of_century + january_or_february) -
+          static_cast<int32_t>(400 * kEras),
+      (n3 >> 16) - (january_or_february ? 12 : 0), (n3 & 0xFFFF) / 2141 + 1};
+}
+
+int64_t impl::unix_day_from_civil(int32_t year, unsigned month, unsigned day) noexcept {
+  return Components(static_cast<short>(year), static_cast<unsigned short>(month),
+                    static_cast<unsigned short>(day), 0, 0, 0, 0)
+             .julian_day() -
+         kEpochJulianDay;
+}
+
+void Components::init_from_unix_day(int32_t day) noexcept {
+  impl::CivilDate const date = impl::civil_from_unix_day(day);
+  m_year = static_cast<short>(date.year);
+  m_month = static_cast<unsigned short>(date.month);
+  m_day = static_cast<unsigned short>(date.day);
 }
 
 Components::Components(AbsoluteTime const& time) {

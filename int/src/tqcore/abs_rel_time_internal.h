@@ -20,6 +20,17 @@ win32::SystemTime file_time_to_system_time(win32::FileTime const& ft) noexcept;
 ErrorInfo::Ptr time_from_date(AbsoluteTime::Components const& date, long long nanoseconds,
                               AbsoluteTime* out);
 
+// The library's calendar arithmetic, in days since 1970-01-01 (proleptic Gregorian). The
+// inverse is good for every day within 30000 years of 1970.
+struct CivilDate {
+  int32_t year;
+  unsigned month;
+  unsigned day;
+};
+CivilDate civil_from_unix_day(int64_t day) noexcept;
+// Through the Julian day number: years -4800 to 32767.
+int64_t unix_day_from_civil(int32_t year, unsigned month, unsigned day) noexcept;
+
 // "error.tqcore.absoluteTime.range": a time before the first or after the last finite one.
 ErrorInfo::Ptr time_range_error(bool after, int line);
 

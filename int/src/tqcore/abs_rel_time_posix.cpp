@@ -9,28 +9,6 @@ namespace {
 constexpr uint64_t kTicksPerSecond = 10000000;
 constexpr int64_t kEpochTicks = TimeBase::FILETIME_TO_EPOCH_OFFSET;
 
-// Days since 1970-01-01 of a civil date (proleptic Gregorian).
-int64_t days_from_civil(int64_t y, unsigned m, unsigned d) noexcept {
-  y -= m <= 2;
-  int64_t const era = (y >= 0 ? y : y - 399) / 400;
-  unsigned const yoe = static_cast<unsigned>(y - era * 400);
-  unsigned const doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  unsigned const doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-void civil_from_days(int64_t z, int64_t* y, unsigned* m, unsigned* d) noexcept {
-  z += 719468;
-  int64_t const era = (z >= 0 ? z : z - 146096) / 146097;
-  unsigned const doe = static_cast<unsigned>(z - era * 146097);
-  unsigned const yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  unsigned const doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  unsigned const mp = (5 * doy + 2) / 153;
-  *d = doy - (153 * mp + 2) / 5 + 1;
-  *m = mp < 10 ? mp + 3 : mp - 9;
-  *y = static_cast<int64_t>(yoe) + era * 400 + (*m <= 2);
-}
-
 }  // namespace
 
 uint64_t local_ticks_to_utc(uint64_t ticks) noexcept {
@@ -45,7 +23,7 @@ uint64_t local_ticks_to_utc(uint64_t ticks) noexcept {
 }
 
 win32::FileTime system_time_to_file_time(win32::SystemTime const& st) noexcept {
-  int64_t const days = days_from_civil(st.year, st.month, st.day);
+  int64_t const days = unix_day_from_civil(st.year, st.month, st.day);
   int64_t const seconds = days * 86400 + st.hour * 3600 + st.minute * 60 + st.second;
   uint64_t const ticks =
       static_cast<uint64_t>(seconds * 10000000 + st.milliseconds * 10000LL + kEpochTicks);
@@ -62,14 +40,11 @@ win32::SystemTime file_time_to_system_time(win32::FileTime const& ft) noexcept {
     rest += 86400000;
     --days;
   }
-  int64_t year;
-  unsigned month;
-  unsigned day;
-  civil_from_days(days, &year, &month, &day);
+  CivilDate const date = civil_from_unix_day(days);
   win32::SystemTime st{};
-  st.year = static_cast<uint16_t>(year);
-  st.month = static_cast<uint16_t>(month);
-  st.day = static_cast<uint16_t>(day);
+  st.year = static_cast<uint16_t>(date.year);
+  st.month = static_cast<uint16_t>(date.month);
+  st.day = static_cast<uint16_t>(date.day);
   st.day_of_week = static_cast<uint16_t>(((days % 7) + 11) % 7);  // 1970-01-01 was a Thursday
   st.hour = static_cast<uint16_t>(rest / 3600000);
   st.minute = static_cast<uint16_t>(rest / 60000 % 60);

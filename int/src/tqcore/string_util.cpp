@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "ucsutil_simd.h"
+
 namespace tqcore {
 
 std::string const g_emptyString;
@@ -156,18 +158,6 @@ bool equal_nocase_sse2(char const* a, size_t a_size, char const* b, size_t b_siz
 }  // namespace
 }  // namespace tqcore
 
-// Chosen once, when the library is loaded: callers reach the processor's variant directly.
-extern "C" {
-static auto tqcore_resolve_compare_nocase_ascii() -> decltype(&tqcore::compare_nocase_sse2) {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") ? tqcore::compare_nocase_avx2 : tqcore::compare_nocase_sse2;
-}
-static auto tqcore_resolve_string_equal_nocase_ascii() -> decltype(&tqcore::equal_nocase_sse2) {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") ? tqcore::equal_nocase_avx2 : tqcore::equal_nocase_sse2;
-}
-}
-
 namespace tqcore {
 namespace {
 
@@ -200,11 +190,15 @@ std::string folded_copy(char const* text, size_t size) {
 
 }  // namespace
 
-bool string_equal_nocase_ascii(char const* a, size_t a_size, char const* b, size_t b_size)
-    __attribute__((ifunc("tqcore_resolve_string_equal_nocase_ascii")));
+bool string_equal_nocase_ascii(char const* a, size_t a_size, char const* b, size_t b_size) {
+  return impl::has_avx2() ? equal_nocase_avx2(a, a_size, b, b_size)
+                          : equal_nocase_sse2(a, a_size, b, b_size);
+}
 
-int compare_nocase_ascii(char const* a, size_t a_size, char const* b, size_t b_size)
-    __attribute__((ifunc("tqcore_resolve_compare_nocase_ascii")));
+int compare_nocase_ascii(char const* a, size_t a_size, char const* b, size_t b_size) {
+  return impl::has_avx2() ? compare_nocase_avx2(a, a_size, b, b_size)
+                          : compare_nocase_sse2(a, a_size, b, b_size);
+}
 
 size_t string_hash_lowercase_ascii(char const* text, size_t size) {
   return folded_hash<fold_lower>(text, size);

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "file_ids.h"
+#include "ucsutil_simd.h"
 
 namespace tqcore {
 namespace impl {
@@ -109,8 +110,6 @@ unsigned char TransformHelperHex::nibble_from_charval(int c) {
 // templates above, which decide every failure.
 
 namespace {
-
-bool const kHasAvx2 = __builtin_cpu_supports("avx2");
 
 // 24 bytes to 32 characters (Mula and Lemire, "Faster Base64 Encoding and Decoding Using AVX2
 // Instructions"). Reads 4 bytes before `in` and 4 after the 24.
@@ -275,7 +274,7 @@ std::string base64_encode(void const* data, size_t size, ETransformPadding paddi
   size_t i = 0;
   size_t o = 0;
   // The block reads four bytes on either side of its 24, so it starts at 4 and stops short.
-  if (kHasAvx2 && size >= 32) {
+  if (impl::has_avx2() && size >= 32) {
     auto* out = text.data();
     // The first six bytes by the template, so that the block may read behind its start.
     base64_encode(bytes, bytes + 6, out);
@@ -292,7 +291,7 @@ std::vector<uint8_t> base64_decode(std::string_view text) {
   std::vector<uint8_t> bytes(text.size() / 4 * 3 + 3 + 8);
   size_t i = 0;
   size_t o = 0;
-  if (kHasAvx2) {
+  if (impl::has_avx2()) {
     // Stops before the last group, which may hold padding, and at any other character.
     for (; i + 36 <= text.size() && decode_block64(text.data() + i, bytes.data() + o);
          i += 32, o += 24) {
@@ -309,7 +308,7 @@ std::string base32_encode(void const* data, size_t size, ETransformPadding paddi
   std::string text((size + 4) / 5 * 8, '\0');
   size_t i = 0;
   size_t o = 0;
-  if (kHasAvx2) {
+  if (impl::has_avx2()) {
     for (; i + 32 <= size; i += 20, o += 32) encode_block32(bytes + i, text.data() + o);
   }
   char* end = base32_encode(bytes + i, bytes + size, text.data() + o, padding);
@@ -321,7 +320,7 @@ std::vector<uint8_t> base32_decode(std::string_view text) {
   std::vector<uint8_t> bytes(text.size() / 8 * 5 + 5 + 16);
   size_t i = 0;
   size_t o = 0;
-  if (kHasAvx2) {
+  if (impl::has_avx2()) {
     for (; i + 32 <= text.size() && decode_block32(text.data() + i, bytes.data() + o);
          i += 32, o += 20) {
     }
@@ -336,7 +335,7 @@ std::string hex_encode(void const* data, size_t size) {
   auto const* bytes = static_cast<unsigned char const*>(data);
   std::string text(2 * size, '\0');
   size_t i = 0;
-  if (kHasAvx2) {
+  if (impl::has_avx2()) {
     for (; i + 16 <= size; i += 16) encode_block16(bytes + i, text.data() + 2 * i);
   }
   hex_encode(bytes + i, bytes + size, text.data() + 2 * i);
@@ -346,7 +345,7 @@ std::string hex_encode(void const* data, size_t size) {
 std::vector<uint8_t> hex_decode(std::string_view text) {
   std::vector<uint8_t> bytes(text.size() / 2 + 16);
   size_t i = 0;
-  if (kHasAvx2) {
+  if (impl::has_avx2()) {
     for (; i + 32 <= text.size() && decode_block16(text.data() + i, bytes.data() + i / 2);
          i += 32) {
     }

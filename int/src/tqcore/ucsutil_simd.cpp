@@ -25,7 +25,12 @@ constexpr uint8_t kOverlong4 = 1 << 6;
 constexpr uint8_t kTwoConts = 1 << 7;
 constexpr uint8_t kCarry = kTooShort | kTooLong | kTwoConts;
 
-#define TQCORE_TABLE(...) _mm256_setr_epi8(__VA_ARGS__, __VA_ARGS__)
+// A 16-entry lookup table, repeated in both lanes for _mm256_shuffle_epi8.
+template <class... Entry>
+[[gnu::target("avx2")]] inline __m256i table(Entry... entries) {
+  static_assert(sizeof...(Entry) == 16, "one entry a nibble");
+  return _mm256_setr_epi8(static_cast<char>(entries)..., static_cast<char>(entries)...);
+}
 
 [[gnu::target("avx2")]] inline __m256i high_nibbles(__m256i v) {
   return _mm256_and_si256(_mm256_srli_epi16(v, 4), _mm256_set1_epi8(0x0F));
@@ -43,23 +48,23 @@ template <int N>
                                                     bool for_conversion) {
   __m256i const prev1 = preceding<1>(input, previous);
   __m256i const byte_1_high = _mm256_shuffle_epi8(
-      TQCORE_TABLE(kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong,
-                   kTwoConts, kTwoConts, kTwoConts, kTwoConts, kTooShort | kOverlong2, kTooShort,
-                   kTooShort | kOverlong3 | kSurrogate,
-                   kTooShort | kTooLarge | kTooLarge1000 | kOverlong4),
+      table(kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong,
+            kTwoConts, kTwoConts, kTwoConts, kTwoConts, kTooShort | kOverlong2, kTooShort,
+            kTooShort | kOverlong3 | kSurrogate,
+            kTooShort | kTooLarge | kTooLarge1000 | kOverlong4),
       high_nibbles(prev1));
   constexpr uint8_t kLarge = kCarry | kTooLarge | kTooLarge1000;
   __m256i const byte_1_low = _mm256_shuffle_epi8(
-      TQCORE_TABLE(kCarry | kOverlong3 | kOverlong2 | kOverlong4, kCarry | kOverlong2, kCarry,
-                   kCarry, kCarry | kTooLarge, kLarge, kLarge, kLarge, kLarge, kLarge, kLarge,
-                   kLarge, kLarge, kLarge | kSurrogate, kLarge, kLarge),
+      table(kCarry | kOverlong3 | kOverlong2 | kOverlong4, kCarry | kOverlong2, kCarry, kCarry,
+            kCarry | kTooLarge, kLarge, kLarge, kLarge, kLarge, kLarge, kLarge, kLarge, kLarge,
+            kLarge | kSurrogate, kLarge, kLarge),
       _mm256_and_si256(prev1, _mm256_set1_epi8(0x0F)));
   constexpr uint8_t kCont = kTooLong | kOverlong2 | kTwoConts;
   __m256i const byte_2_high = _mm256_shuffle_epi8(
-      TQCORE_TABLE(kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort,
-                   kTooShort, kCont | kOverlong3 | kTooLarge1000 | kOverlong4,
-                   kCont | kOverlong3 | kTooLarge, kCont | kSurrogate | kTooLarge,
-                   kCont | kSurrogate | kTooLarge, kTooShort, kTooShort, kTooShort, kTooShort),
+      table(kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort,
+            kCont | kOverlong3 | kTooLarge1000 | kOverlong4, kCont | kOverlong3 | kTooLarge,
+            kCont | kSurrogate | kTooLarge, kCont | kSurrogate | kTooLarge, kTooShort, kTooShort,
+            kTooShort, kTooShort),
       high_nibbles(input));
   __m256i const special = _mm256_and_si256(_mm256_and_si256(byte_1_high, byte_1_low), byte_2_high);
   // Third and fourth bytes of a sequence are continuations that the lookups see as errors.
@@ -87,8 +92,6 @@ template <int N>
   }
   return _mm256_or_si256(_mm256_xor_si256(must_continue, special), refused);
 }
-
-#undef TQCORE_TABLE
 
 // Nonzero where a sequence begun in the last three bytes needs bytes of the next block.
 [[gnu::target("avx2")]] inline bool ends_incomplete(__m256i input) {
@@ -138,7 +141,12 @@ size_t sequence_start(unsigned char const* p, size_t stop) {
   return _mm256_testz_si256(errors, errors) ? size : sequence_start(p, i);
 }
 
-bool const kHasAvx2 = __builtin_cpu_supports("avx2");
+}  // namespace
+
+// Read once while the library loads; until then every caller takes the scalar path.
+bool const g_hasAvx2 = __builtin_cpu_supports("avx2");
+
+namespace {
 
 // ---- UTF-8 to UTF-16 on valid text -----------------------------------------------------------
 
@@ -477,30 +485,30 @@ inline size_t scalar_unit(unsigned short const* p, size_t left, char* out, size_
 
 ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
                                        size_t capacity) noexcept {
-  if (!kHasAvx2 || size < 16) return ConversionProgress{0, 0};  // short: the scalar loop wins
+  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};  // short: the scalar loop wins
   return to_utf8_avx2(text, size, out, capacity);
 }
 
 size_t utf16_to_utf8_length_valid(unsigned short const* text, size_t size,
                                   size_t* consumed) noexcept {
   *consumed = 0;
-  if (!kHasAvx2 || size < 16) return 0;
+  if (!has_avx2() || size < 16) return 0;
   return utf8_length_avx2(text, size, consumed);
 }
 
 ConversionProgress utf8_to_utf16_valid(char const* text, size_t size, unsigned short* out,
                                        size_t capacity) noexcept {
-  if (!kHasAvx2) return ConversionProgress{0, 0};
+  if (!has_avx2()) return ConversionProgress{0, 0};
   return to_utf16_avx2(reinterpret_cast<unsigned char const*>(text), size, out, capacity);
 }
 
 size_t utf8_to_utf16_length_valid(char const* text, size_t size) noexcept {
-  if (!kHasAvx2) return 0;
+  if (!has_avx2()) return 0;
   return utf16_length_avx2(reinterpret_cast<unsigned char const*>(text), size);
 }
 
 size_t utf8_valid_prefix(char const* text, size_t size, bool for_conversion) noexcept {
-  if (!kHasAvx2 || size < 32) return 0;  // short texts are cheaper on the scalar walk
+  if (!has_avx2() || size < 32) return 0;  // short texts are cheaper on the scalar walk
   return valid_prefix_avx2(reinterpret_cast<unsigned char const*>(text), size, for_conversion);
 }
 

@@ -7,6 +7,10 @@
 namespace tqcore {
 namespace impl {
 
+// The library's one choice of a vector path: whether the processor has AVX2.
+extern bool const g_hasAvx2;
+inline bool has_avx2() noexcept { return g_hasAvx2; }
+
 // The length of a prefix of `text` that is valid UTF-8 by the library's rules and ends where a
 // sequence begins; 0 where the processor has no AVX2. With `for_conversion` the prefix also
 // holds no U+FFFE or U+FFFF, which the validator lets pass and the conversions refuse.
