@@ -55,8 +55,11 @@ TEST(Fork, ChildrenNeverHangOnALockAnotherThreadHeld) {
         text << ObjectKey::create_unique();
       },
       [] {
-        StaticInstance<int>* fresh = new StaticInstance<int>;  // each build takes the build lock
-        fresh->get();
+        // Each first use takes the build lock and the cleanup registry's lock.
+        static StaticInstance<int> many[4000];
+        static std::atomic<size_t> next{0};
+        size_t const i = next.fetch_add(1, std::memory_order_relaxed);
+        if (i < 4000) many[i].get();
       },
   };
   std::vector<std::thread> workers;

@@ -50,8 +50,9 @@ ErrorInfo::Ptr normalised(AbsoluteTime const& base, int minutes, AbsoluteTime* b
   if (base.is_infinite() || (minutes >= -kHalfDay && minutes <= kHalfDay)) return nullptr;
   long long const wide = minutes;  // wide: minutes near INT_MIN or INT_MAX must not overflow
   long long const days = wide > kHalfDay ? (wide + kHalfDay) / kDay : -((kHalfDay - wide) / kDay);
-  long long shifted;
-  if (__builtin_add_overflow(base.as_nsec(), days * 86400000000000LL, &shifted) ||
+  long long shift, shifted;
+  if (__builtin_mul_overflow(days, 86400000000000LL, &shift) ||
+      __builtin_add_overflow(base.as_nsec(), shift, &shifted) ||
       shifted > impl::TimeBase::TIMEVALUE_MAX) {
     return impl::time_range_error(days > 0, __LINE__);
   }
