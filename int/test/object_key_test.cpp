@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "testing_seams.h"
 
 namespace tqcore {
 namespace {
@@ -37,14 +38,14 @@ bool is_base32_name(std::string const& text) {
 }
 
 TEST(StringKey, SameTextSameIdentityAndOneItem) {
-  size_t const before = impl::interned_string_count();
+  size_t const before = impl::testing::interned_string_count();
   StringKey const a("object-key-test-abc");
   StringKey const b(std::string("object-key-test-abc").c_str());
   EXPECT_EQ(a, b);
   EXPECT_EQ(a.hash(), b.hash());
   EXPECT_EQ(&a.value(), &b.value());  // the text is stored once
   EXPECT_EQ(a.value(), "object-key-test-abc");
-  EXPECT_EQ(impl::interned_string_count(), before + 1);
+  EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
   StringKey const other("object-key-test-abd");
   EXPECT_NE(a, other);
   EXPECT_TRUE(a < other || other < a);
@@ -52,20 +53,20 @@ TEST(StringKey, SameTextSameIdentityAndOneItem) {
 }
 
 TEST(StringKey, TheLastKeyTakesItsItemAlong) {
-  size_t const before = impl::interned_string_count();
+  size_t const before = impl::testing::interned_string_count();
   {
     StringKey const key("object-key-test-transient");
     StringKey const copy = key;
-    EXPECT_EQ(impl::interned_string_count(), before + 1);
+    EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
   }
-  EXPECT_EQ(impl::interned_string_count(), before);
+  EXPECT_EQ(impl::testing::interned_string_count(), before);
   StringKey const rebuilt("object-key-test-transient");
   EXPECT_EQ(rebuilt.value(), "object-key-test-transient");
-  EXPECT_EQ(impl::interned_string_count(), before + 1);
+  EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
 }
 
 TEST(StringKey, TheEmptyTextIsTheDefaultKeyAndNeverCached) {
-  size_t const before = impl::interned_string_count();
+  size_t const before = impl::testing::interned_string_count();
   StringKey const keys[] = {StringKey(), StringKey(""), StringKey(nullptr, 0),
                             StringKey::from_string(""),
                             StringKey(static_cast<char const*>(nullptr))};
@@ -74,7 +75,7 @@ TEST(StringKey, TheEmptyTextIsTheDefaultKeyAndNeverCached) {
     EXPECT_EQ(key.value(), "");
     EXPECT_EQ(traced(key), "");
   }
-  EXPECT_EQ(impl::interned_string_count(), before);
+  EXPECT_EQ(impl::testing::interned_string_count(), before);
   StringKey cleared("object-key-test-cleared");
   cleared.clear();
   EXPECT_EQ(cleared, StringKey());
@@ -90,18 +91,18 @@ TEST(StringKey, TextsWithZeroBytesAreWholeTexts) {
 TEST(StringKey, AShardThatGrowsKeepsEveryItemFindable) {
   // More than 13 shards times 2039 buckets times 4: every shard grows at least once.
   constexpr int kCount = 120000;
-  size_t const before = impl::interned_string_count();
+  size_t const before = impl::testing::interned_string_count();
   std::vector<StringKey> keys;
   keys.reserve(kCount);
   for (int i = 0; i < kCount; ++i) keys.emplace_back(("grow-" + std::to_string(i)).c_str());
-  EXPECT_EQ(impl::interned_string_count(), before + kCount);
+  EXPECT_EQ(impl::testing::interned_string_count(), before + kCount);
   for (int i = 0; i < kCount; ++i) {
     StringKey const again(("grow-" + std::to_string(i)).c_str());
     ASSERT_EQ(again, keys[i]) << i;
     ASSERT_EQ(again.value(), "grow-" + std::to_string(i));
   }
   keys.clear();
-  EXPECT_EQ(impl::interned_string_count(), before);
+  EXPECT_EQ(impl::testing::interned_string_count(), before);
 }
 
 TEST(StringKey, ASourceStringCopiesTheTextAndKeepsTheKeysTrace) {

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "async_test_support.h"
+#include "testing_seams.h"
 
 namespace {
 
@@ -136,18 +137,18 @@ std::vector<Row> rows() {
        }},
       {"string key, last release",
        [] {
-         size_t const before = impl::interned_string_count();
+         size_t const before = impl::testing::interned_string_count();
          { StringKey k(kLong.c_str()); }
-         check(impl::interned_string_count() == before, "released");
+         check(impl::testing::interned_string_count() == before, "released");
        }},
       {"string key cache growth",
        [] {
-         size_t const before = impl::interned_string_count();
+         size_t const before = impl::testing::interned_string_count();
          {
            std::vector<StringKey> keys;
            for (int i = 0; i < 400; ++i) keys.emplace_back(("grow." + std::to_string(i)).c_str());
          }
-         check(impl::interned_string_count() == before, "count back");
+         check(impl::testing::interned_string_count() == before, "count back");
        }},
       {"uuid key",
        [] {

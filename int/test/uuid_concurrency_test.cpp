@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "testing_seams.h"
+
 namespace tqcore {
 namespace {
 
@@ -21,7 +23,7 @@ void on_threads(int count, F body) {
 }
 
 TEST(KeyThreads, InterningAndDroppingLosesAndFreesNothingTwice) {
-  size_t const before = impl::interned_string_count();
+  size_t const before = impl::testing::interned_string_count();
   StringKey const held("threads-shared-0");  // one text stays interned throughout
   on_threads(4, [&held](int t) {
     for (int i = 0; i < 20000; ++i) {
@@ -36,7 +38,7 @@ TEST(KeyThreads, InterningAndDroppingLosesAndFreesNothingTwice) {
       ASSERT_NE(a, b);
     }
   });
-  EXPECT_EQ(impl::interned_string_count(), before + 1);
+  EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
 }
 
 TEST(KeyThreads, ManyThreadsInterningOneNewTextGetOneItem) {

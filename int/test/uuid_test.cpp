@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "testing_seams.h"
 
 namespace tqcore {
 namespace {
@@ -267,25 +268,25 @@ uint16_t counter_of(Uuid const& uuid) {
 
 TEST(UuidSequential, CountsWithinOneClockValueAndKeepsTheClock) {
   int64_t const now = (AbsoluteTime::now().as_nsec() & ~int64_t{0xFF}) + (int64_t{1} << 20);
-  Uuid const first = impl::create_sequential_at(now);
-  Uuid const second = impl::create_sequential_at(now);
+  Uuid const first = impl::testing::create_sequential_at(now);
+  Uuid const second = impl::testing::create_sequential_at(now);
   EXPECT_EQ(counter_of(first), 1);
   EXPECT_EQ(counter_of(second), 2);
   EXPECT_LT(first, second);
   EXPECT_EQ(first.version(), Uuid::Sequential);
   EXPECT_EQ(first.bytes()[8] & 0xC0, 0x80);
   EXPECT_EQ(first.timestamp(), (uint64_t(now) & 0x0FFFFFFFFFFFFF00ull) | 0xD0);
-  Uuid const later = impl::create_sequential_at(now + 256);
+  Uuid const later = impl::testing::create_sequential_at(now + 256);
   EXPECT_EQ(counter_of(later), 1);
   EXPECT_LT(second, later);
 }
 
 TEST(UuidSequential, TheCounterWrapsIntoTheNode) {
   int64_t const now = (AbsoluteTime::now().as_nsec() & ~int64_t{0xFF}) + (int64_t{1} << 21);
-  Uuid previous = impl::create_sequential_at(now);
+  Uuid previous = impl::testing::create_sequential_at(now);
   uint32_t node_before = 0;
   for (int i = 2; i <= 65536; ++i) {
-    Uuid const next = impl::create_sequential_at(now);
+    Uuid const next = impl::testing::create_sequential_at(now);
     ASSERT_LT(previous, next) << i;
     if (i == 65535) std::memcpy(&node_before, next.bytes() + 10, 4);
     previous = next;
@@ -307,8 +308,8 @@ TEST(UuidSequential, AMillionInATightLoopStrictlyIncrease) {
 
 TEST(UuidSequential, AClockGoingBackStartsANewSequence) {
   int64_t const now = (AbsoluteTime::now().as_nsec() & ~int64_t{0xFF}) + (int64_t{1} << 22);
-  Uuid const ahead = impl::create_sequential_at(now);
-  Uuid const back = impl::create_sequential_at(now - 256);
+  Uuid const ahead = impl::testing::create_sequential_at(now);
+  Uuid const back = impl::testing::create_sequential_at(now - 256);
   EXPECT_EQ(counter_of(back), 1);
   EXPECT_NE(std::string(reinterpret_cast<char const*>(ahead.bytes()) + 10, 4),
             std::string(reinterpret_cast<char const*>(back.bytes()) + 10, 4));

@@ -13,6 +13,7 @@
 
 #include "file_ids.h"
 #include "static_instance_internal.h"
+#include "testing_seams.h"
 #include "uuid_internal.h"
 
 namespace tqcore {
@@ -219,7 +220,7 @@ Uuid Uuid::create_sequential() {
   return make_sequential([] { return AbsoluteTime::now().as_nsec() & ~int64_t{0xFF}; });
 }
 
-Uuid impl::create_sequential_at(int64_t now) {
+Uuid impl::testing::create_sequential_at(int64_t now) {
   return make_sequential([now] { return now; });
 }
 

@@ -18,6 +18,7 @@
 
 #include "object_key_cache.h"
 #include "static_instance_internal.h"
+#include "testing_seams.h"
 
 namespace tqcore {
 namespace {
@@ -192,7 +193,7 @@ UuidKeyCache& uuid_cache() { return cache_in_static_storage<UuidKeyCache>(5, 102
 
 }  // namespace
 
-size_t impl::interned_string_count() { return string_cache().item_count(); }
+size_t impl::testing::interned_string_count() { return string_cache().item_count(); }
 
 // Shard locks first, then the name lock: nothing takes a shard lock while naming.
 void impl::key_caches_before_fork() {

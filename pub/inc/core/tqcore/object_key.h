@@ -75,9 +75,6 @@ class TQCORE_EXPORT UuidKeyToken : public ObjectKeyToken {
   Uuid const* m_uuid;
 };
 
-// How many texts the string cache holds now.
-TQCORE_EXPORT size_t interned_string_count();
-
 // A token standing for an address: traced as the process's 16-character name, ":0x" and the
 // address in 16 hexadecimal digits, made on first request.
 class TQCORE_EXPORT ObjectKeyTokenForPointerBase : public ObjectKeyToken, public StringTraceData {

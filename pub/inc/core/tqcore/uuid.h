@@ -175,12 +175,6 @@ class TQCORE_EXPORT Uuid {
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, Uuid const& uuid);
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, Uuid::Trace const& trace);
 
-namespace impl {
-// The sequential identifier for a given clock value (nanoseconds), through the same state as
-// create_sequential: lets a test drive the counter through a whole clock value.
-TQCORE_EXPORT Uuid create_sequential_at(int64_t now);
-}  // namespace impl
-
 }  // namespace tqcore
 
 namespace std {
