@@ -117,6 +117,10 @@ ErrnoRow const kErrnoRows[] = {
         ENOTCONN,
         "A request to send or receive data was disallowed because the socket is not connected and "
         "(when sending on a datagram socket using a sendto call) no address was supplied"),
+    TQCORE_ROW(ENOTCONN,
+               "A request to send or receive data was disallowed because the socket is not "
+               "connected and (when sending on a datagram socket using a sendto call) no "
+               "address was supplied"),
     TQCORE_ROW(ESHUTDOWN,
                "Operation disallowed or cancelled because component has already been shut down"),
     TQCORE_ROW(ETOOMANYREFS, "Too many references to some kernel object"),
