@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, and nothing else. Quiet when all are there.
-# Usage: scripts/ensure-packages.sh build|test|bench
+# Usage: scripts/ensure-packages.sh build|test|bench|ci
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev)
 test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev)
+ci_packages=(clang clang-tidy clang-format)
 bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;
   test) wanted=("${build_packages[@]}" "${test_packages[@]}") ;;
   bench) wanted=("${build_packages[@]}" "${bench_packages[@]}") ;;
-  *) echo "usage: $0 build|test|bench" >&2; exit 2 ;;
+  ci) wanted=("${build_packages[@]}" "${ci_packages[@]}") ;;
+  *) echo "usage: $0 build|test|bench|ci" >&2; exit 2 ;;
 esac
 
 missing=()

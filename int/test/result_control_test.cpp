@@ -461,9 +461,9 @@ class SlotControl : public ResultControlIgnored<> {
   SlotControl() = default;
   SlotControl(std::vector<int>* log, int tag) {
     static_assert(sizeof(Content) <= kSlotSize);
-    m_slot_content = new (m_slot) Content(log, tag);
+    m_slotContent = new (m_slot) Content(log, tag);
   }
-  bool has_content() const { return m_slot_content != nullptr; }
+  bool has_content() const { return m_slotContent != nullptr; }
 };
 
 TEST(ResultControlSlot, CopiesStartEmptyAndAssignmentCopiesAsItStands) {

@@ -121,7 +121,8 @@ RelativeTime AbsoluteTime::overtime() const noexcept {
 void AbsoluteTime::set(win32::FileTime const& ft, bool local) noexcept {
   uint64_t ticks = (static_cast<uint64_t>(ft.high_date_time) << 32) | ft.low_date_time;
   if (local) ticks = impl::local_ticks_to_utc(ticks);
-  m_value = static_cast<long long>((ticks - static_cast<uint64_t>(FILETIME_TO_EPOCH_OFFSET)) * 100);
+  uint64_t const nanoseconds = (ticks - static_cast<uint64_t>(FILETIME_TO_EPOCH_OFFSET)) * 100;
+  m_value = static_cast<long long>(nanoseconds);  // wraps, as the interface says
 }
 
 void AbsoluteTime::set(win32::SystemTime const& st, bool local) noexcept {

@@ -226,8 +226,9 @@ ErrorInfo::Ptr impl::time_from_date(Components const& c, long long ns, AbsoluteT
   if (out != nullptr) {
     // In unsigned arithmetic: at the first day the product alone is below the 64-bit range.
     uint64_t const days = static_cast<uint64_t>(static_cast<long long>(jdn) - kEpochJulianDay);
-    *out = AbsoluteTime::from_nsec(static_cast<long long>(
-        days * static_cast<uint64_t>(kNanosecondsInDay) + static_cast<uint64_t>(ns)));
+    uint64_t const count =
+        days * static_cast<uint64_t>(kNanosecondsInDay) + static_cast<uint64_t>(ns);
+    *out = AbsoluteTime::from_nsec(static_cast<long long>(count));
   }
   return nullptr;
 }

@@ -68,8 +68,9 @@ class TimeText {
     for (; i >= 2; i -= 2) {
       uint32_t const pair = value % 100;
       value /= 100;
-      at[i - 2] = kPairs[2 * pair];
-      at[i - 1] = kPairs[2 * pair + 1];
+      size_t const digits = 2 * size_t{pair};
+      at[i - 2] = kPairs[digits];
+      at[i - 1] = kPairs[digits + 1];
     }
     if (i == 1) at[0] = static_cast<char>('0' + value % 10);
     m_size += static_cast<size_t>(width);

@@ -24,7 +24,8 @@ uint64_t local_ticks_to_utc(uint64_t ticks) noexcept {
 
 win32::FileTime system_time_to_file_time(win32::SystemTime const& st) noexcept {
   int64_t const days = unix_day_from_civil(st.year, st.month, st.day);
-  int64_t const seconds = days * 86400 + st.hour * 3600 + st.minute * 60 + st.second;
+  int64_t const seconds =
+      days * 86400 + int64_t{st.hour} * 3600 + int64_t{st.minute} * 60 + st.second;
   uint64_t const ticks =
       static_cast<uint64_t>(seconds * 10000000 + st.milliseconds * 10000LL + kEpochTicks);
   return win32::FileTime{static_cast<uint32_t>(ticks), static_cast<uint32_t>(ticks >> 32)};

@@ -13,16 +13,21 @@ char const* const SourceString::sm_emptyStrData = "";
 
 // ---- StringTraceData -------------------------------------------------------------------------
 
+// The state word holds either an inline record or the address of the array.
+StringTraceData::Record* StringTraceData::records_of(uint64_t state) noexcept {
+  return reinterpret_cast<Record*>(state);  // NOLINT(performance-no-int-to-ptr)
+}
+
 StringTraceData::~StringTraceData() {
   uint64_t const state = m_traceState.load(std::memory_order_acquire);
-  if (state != 0 && (state & 1) == 0) ::operator delete(reinterpret_cast<Record*>(state));
+  if (state != 0 && (state & 1) == 0) ::operator delete(records_of(state));
 }
 
 unsigned int StringTraceData::query_trace_file_offset(size_t sink, unsigned int file_id) const {
   uint64_t const state = m_traceState.load(std::memory_order_acquire);
   if (sink >= max_trace_sink_count() || state == 0) return 0;
   if ((state & 1) == 0) {
-    Record const& record = reinterpret_cast<Record const*>(state)[sink];
+    Record const& record = records_of(state)[sink];
     return record.file_id == file_id ? record.offset : 0;
   }
   if (sink != 0) return 0;
@@ -40,7 +45,7 @@ void StringTraceData::set_trace_file_offset(size_t sink, unsigned int file_id,
   uint64_t state = m_traceState.load(std::memory_order_acquire);
   for (;;) {
     if (state != 0 && (state & 1) == 0) {
-      reinterpret_cast<Record*>(state)[sink] = Record{file_id, offset};
+      records_of(state)[sink] = Record{file_id, offset};
       return;
     }
     if (sink == 0) {

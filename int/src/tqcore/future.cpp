@@ -49,7 +49,7 @@ bool FutureImplBase::announce_blocking() const {
   }
   ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
   if (ready_unlocked()) return false;
-  m_waiter_may_block = true;
+  m_waiterMayBlock = true;
   return true;
 }
 
@@ -119,7 +119,7 @@ bool FutureImplBase::set(ErrorInfo::Ptr error) {
 // own lock and broadcast.
 void FutureImplBase::signal_ready() {
   m_ready.store(true, std::memory_order_release);
-  if (m_waiter_may_block) m_event.signal();
+  if (m_waiterMayBlock) m_event.signal();
 }
 
 FutureImplBase::Observer* FutureImplBase::find_observer(IFutureObserverBase* observer) {

@@ -67,7 +67,7 @@ class ObjectKeyCache {
       : m_shards(new std::unique_ptr<Shard>[shard_count]) {
     for (size_t i = 0; i < shard_count; ++i) m_shards[i].reset(new Shard(buckets_per_shard));
     m_shardsBuilt = shard_count;
-    m_shard_count.store(shard_count, std::memory_order_release);
+    m_shardCount.store(shard_count, std::memory_order_release);
   }
   ObjectKeyCache(ObjectKeyCache const&) = delete;
   ObjectKeyCache& operator=(ObjectKeyCache const&) = delete;
@@ -75,7 +75,7 @@ class ObjectKeyCache {
   // the items still referred to are left to their keys, which keep reading them. The cache
   // itself is never destroyed: keys in static storage may end after it closed.
   void close() {
-    size_t const count = m_shard_count.exchange(0, std::memory_order_acq_rel);
+    size_t const count = m_shardCount.exchange(0, std::memory_order_acq_rel);
     for (size_t i = 0; i < count; ++i) {
       Shard& shard = *m_shards[i];
       ACE_Guard<ACE_Thread_Mutex> guard(shard.lock);
@@ -89,7 +89,7 @@ class ObjectKeyCache {
   }
 
   RefCountPtr<Token> intern(Probe probe) {
-    size_t const shard_count = m_shard_count.load(std::memory_order_acquire);
+    size_t const shard_count = m_shardCount.load(std::memory_order_acquire);
     if (shard_count == 0) {
       throw std::runtime_error("tqcore::impl::ObjectKeyCache not constructed or already destroyed");
     }
@@ -109,7 +109,7 @@ class ObjectKeyCache {
   // Live items of all shards, for tests and statistics.
   size_t item_count() {
     size_t total = 0;
-    for (size_t i = 0; i < m_shard_count.load(std::memory_order_acquire); ++i) {
+    for (size_t i = 0; i < m_shardCount.load(std::memory_order_acquire); ++i) {
       ACE_Guard<ACE_Thread_Mutex> guard(m_shards[i]->lock);
       total += m_shards[i]->item_count;
     }
@@ -216,7 +216,7 @@ class ObjectKeyCache {
     }
   }
 
-  std::atomic<size_t> m_shard_count{0};  // 0 before construction and after close
+  std::atomic<size_t> m_shardCount{0};  // 0 before construction and after close
   size_t m_shardsBuilt = 0;
   std::unique_ptr<std::unique_ptr<Shard>[]> m_shards;
 };

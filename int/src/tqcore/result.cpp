@@ -33,21 +33,21 @@ char const kCancelFunction[] = "tqcore:impl::create_result_cancel_error()";
 
 CachedRecord g_cancelled(error::tqcore_result_cancelled, kCancelled, kCancelFunction, kFileId,
                          __LINE__);
-CachedRecord g_null_error(error::tqcore_result_badParameter, "Null ErrorInfo pointer",
-                          "tqcore::impl::raise_result_failure_null()", kFileId, __LINE__);
-CachedRecord g_not_waitable(
+CachedRecord g_nullError(error::tqcore_result_badParameter, "Null ErrorInfo pointer",
+                         "tqcore::impl::raise_result_failure_null()", kFileId, __LINE__);
+CachedRecord g_notWaitable(
     error::tqcore_result_notWaitable,
     "Operation requiring a waitable object attemped on a Result which is not waitable.",
     "tqcore::impl::raise_not_waitable_error()", kFileId, __LINE__);
-CachedRecord g_not_signaled(
+CachedRecord g_notSignaled(
     error::tqcore_result_notSignaled,
     "An asynchronous result handler is being destroyed but the result has not been signaled.",
     "tqcore::impl::create_result_not_signaled_error()", kFileId, __LINE__);
-CachedRecord g_unexpected_asynchrony(
-    error::tqcore_result_invalidAsynchrony,
-    "Asynchronous operation initiated with result_error_if_async()",
-    "tqcore::impl::create_unexpected_asynchrony_error()", kFileId, __LINE__);
-CachedRecord g_outer_cancelled(
+CachedRecord g_unexpectedAsynchrony(error::tqcore_result_invalidAsynchrony,
+                                    "Asynchronous operation initiated with result_error_if_async()",
+                                    "tqcore::impl::create_unexpected_asynchrony_error()", kFileId,
+                                    __LINE__);
+CachedRecord g_outerCancelled(
     error::tqcore_result_cancelled_innerOperation,
     "The outer operation was cancelled before the inner operation completed.",
     "tqcore::impl::ResultInnerInvokerTagBase::outer_operation_cancelled()", kFileId, __LINE__);
@@ -55,7 +55,7 @@ CachedRecord g_outer_cancelled(
 // Built while the library loads: handlers dropped unsignalled and cancels need theirs on paths
 // that must not fail for want of memory.
 [[maybe_unused]] bool const g_recordsBuilt =
-    (g_cancelled.get(), g_not_signaled.get(), g_outer_cancelled.get(), true);
+    (g_cancelled.get(), g_notSignaled.get(), g_outerCancelled.get(), true);
 
 }  // namespace
 
@@ -65,18 +65,18 @@ ErrorInfo::Ptr create_result_cancel_error(ErrorInfo::Ptr const& reason) {
                            SourceLocation(kCancelFunction, kFileId, __LINE__), reason);
 }
 
-void raise_result_failure_null() { ErrorException::throw_error(g_null_error.get()); }
+void raise_result_failure_null() { ErrorException::throw_error(g_nullError.get()); }
 
-void raise_not_waitable_error() { ErrorException::throw_error(g_not_waitable.get()); }
+void raise_not_waitable_error() { ErrorException::throw_error(g_notWaitable.get()); }
 
 void raise_result_error(ErrorInfo::Ptr const& error) { ErrorException::throw_error(error); }
 
-ErrorInfo::Ptr create_result_not_signaled_error() { return g_not_signaled.get(); }
+ErrorInfo::Ptr create_result_not_signaled_error() { return g_notSignaled.get(); }
 
-ErrorInfo::Ptr create_unexpected_asynchrony_error() { return g_unexpected_asynchrony.get(); }
+ErrorInfo::Ptr create_unexpected_asynchrony_error() { return g_unexpectedAsynchrony.get(); }
 
 ErrorInfo::Ptr ResultInnerInvokerTagBase::outer_operation_cancelled() {
-  return g_outer_cancelled.get();
+  return g_outerCancelled.get();
 }
 
 bool result_was_cancelled(ErrorInfo::Ptr const& error) {

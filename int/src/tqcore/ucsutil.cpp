@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <cwchar>
+#include <type_traits>
 
 #include "file_ids.h"
 #include "ucsutil_simd.h"
@@ -342,7 +343,7 @@ namespace {
 
 size_t wide_to_ucs4_char(wchar_t const* text, size_t size, unsigned int* out) noexcept {
   if (size == 0) return 0;
-  unsigned int const u = static_cast<unsigned int>(text[0]);
+  auto const u = static_cast<unsigned int>(static_cast<std::make_unsigned_t<wchar_t>>(text[0]));
   if (u >= 0x10000 && u < 0x110000) {
     *out = u;
     return 1;

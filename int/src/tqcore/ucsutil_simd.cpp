@@ -156,7 +156,7 @@ struct CompactTable {
   alignas(16) uint8_t patterns[256][16];
   CompactTable() {
     for (int mask = 0; mask < 256; ++mask) {
-      int out = 0;
+      size_t out = 0;
       for (int lane = 0; lane < 8; ++lane) {
         if ((mask & (1 << lane)) == 0) continue;
         patterns[mask][2 * out] = static_cast<uint8_t>(2 * lane);

@@ -63,13 +63,13 @@ struct HexPairs {
 constexpr HexPairs kHexPairs;
 
 struct HexDigits {
-  signed char value[256];
+  int16_t value[256];  // -1: not a digit
   constexpr HexDigits() : value() {
     for (int c = 0; c < 256; ++c) value[c] = -1;
-    for (int d = 0; d < 10; ++d) value['0' + d] = static_cast<signed char>(d);
+    for (int d = 0; d < 10; ++d) value['0' + d] = static_cast<int16_t>(d);
     for (int d = 0; d < 6; ++d) {
-      value['a' + d] = static_cast<signed char>(10 + d);
-      value['A' + d] = static_cast<signed char>(10 + d);
+      value['a' + d] = static_cast<int16_t>(10 + d);
+      value['A' + d] = static_cast<int16_t>(10 + d);
     }
   }
 };

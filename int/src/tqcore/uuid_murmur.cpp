@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <type_traits>
 
 namespace tqcore {
 namespace {
@@ -91,7 +92,7 @@ void for_each_utf16_chunk(wchar_t const* data, size_t size, Sink sink) noexcept 
   char16_t units[kChunk + 1];
   size_t n = 0;
   for (size_t i = 0; i < size; ++i) {
-    auto c = static_cast<uint32_t>(data[i]);
+    auto c = static_cast<uint32_t>(static_cast<std::make_unsigned_t<wchar_t>>(data[i]));
     if (c > 0x10FFFF) c = 0xFFFD;
     if (c >= 0x10000) {
       units[n++] = static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));

@@ -98,7 +98,7 @@ class TQCORE_EXPORT FutureImplBase : public RefCounted<AtomicRefCount> {
   mutable ACE_Thread_Mutex m_lock;
   // Atomic only so that the unlocked reads are defined; on x86-64 they are plain byte loads.
   std::atomic<bool> m_ready{false};
-  mutable bool m_waiter_may_block = false;  // under m_lock
+  mutable bool m_waiterMayBlock = false;  // under m_lock
   ErrorInfo::Ptr m_error;
   std::vector<Observer> m_observers;
   mutable ACE_Event_T<ACE_System_Time_Policy> m_event;

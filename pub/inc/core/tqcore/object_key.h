@@ -26,7 +26,7 @@ class TQCORE_EXPORT ObjectKeyToken : public RefCounted<AtomicRefCount> {
   // Writes the trace text the stream form of StringTraceData gives.
   virtual void write_trace(std::ostream& stream) const;
   virtual StringTraceData::Ptr query_trace_data() const = 0;
-  void const* key_value() const noexcept { return m_key_value; }
+  void const* key_value() const noexcept { return m_keyValue; }
 
   // The null key's token: key value null, trace text "<null>".
   // Built while the library loads, in storage never freed: handing it out never allocates.
@@ -34,15 +34,15 @@ class TQCORE_EXPORT ObjectKeyToken : public RefCounted<AtomicRefCount> {
 
  protected:
   // The key value is the token's own address.
-  ObjectKeyToken() noexcept : m_key_value(this) {}
-  explicit ObjectKeyToken(void const* value) noexcept : m_key_value(value) {}
+  ObjectKeyToken() noexcept : m_keyValue(this) {}
+  explicit ObjectKeyToken(void const* value) noexcept : m_keyValue(value) {}
   // A token that is its own trace data hands itself out, kept alive by the pointer.
   StringTraceData::Ptr self_trace_data(StringTraceData const* data) const {
     return StringTraceData::Ptr(data, RefCountPtr<RefCounted<AtomicRefCount> const>(this));
   }
 
  private:
-  void const* const m_key_value;
+  void const* const m_keyValue;
 };
 
 namespace impl {

@@ -51,7 +51,8 @@ class RefCountPtr {
     if (m_p != nullptr) m_p->release();
   }
 
-  RefCountPtr& operator=(RefCountPtr const& other) {
+  // Safe on itself: reset adds the new reference before dropping the old one.
+  RefCountPtr& operator=(RefCountPtr const& other) {  // NOLINT(bugprone-unhandled-self-assignment)
     reset(other.m_p);
     return *this;
   }
@@ -59,7 +60,8 @@ class RefCountPtr {
     reset(p);
     return *this;
   }
-  RefCountPtr& operator=(RefCountPtr&& other) {
+  // Not noexcept: dropping the old object may run a destructor that raises.
+  RefCountPtr& operator=(RefCountPtr&& other) {  // NOLINT(performance-noexcept-move-constructor)
     T* p = other.m_p;
     other.m_p = nullptr;
     attach(p);

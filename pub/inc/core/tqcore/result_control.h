@@ -118,6 +118,7 @@ class TQCORE_EXPORT ResultControlBase {
   ResultControlBase() noexcept = default;
   // The activation belongs to the original: a copy starts idle and assignment keeps its own.
   ResultControlBase(ResultControlBase const&) noexcept {}
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): keeps its own state, copies nothing
   ResultControlBase& operator=(ResultControlBase const&) noexcept { return *this; }
 
   // Raises if a control with this id is still active on the calling thread.
@@ -153,7 +154,7 @@ class ResultControl : public ResultControlBase {
   static constexpr size_t kSlotSize = 32;
 
   ~ResultControl() noexcept(false) override {
-    if (m_slot_content != nullptr) m_slot_content->destroy(0);
+    if (m_slotContent != nullptr) m_slotContent->destroy(0);
   }
 
   // For void the outcome is never wanted; typed controls answer for themselves.
@@ -167,13 +168,14 @@ class ResultControl : public ResultControlBase {
   // A copy starts with an empty slot; assignment copies the slot as it stands, pointer and
   // bytes alike. The asymmetry is deliberate: attached content is never owned twice by copies.
   ResultControl(ResultControl const& other) noexcept : ResultControlBase(other) {}
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): two plain copies, harmless on itself
   ResultControl& operator=(ResultControl const& other) noexcept {
-    m_slot_content = other.m_slot_content;
+    m_slotContent = other.m_slotContent;
     std::memcpy(m_slot, other.m_slot, kSlotSize);
     return *this;
   }
 
-  SlotContent* m_slot_content = nullptr;
+  SlotContent* m_slotContent = nullptr;
   alignas(std::max_align_t) unsigned char m_slot[kSlotSize] = {};
 };
 

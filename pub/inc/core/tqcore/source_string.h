@@ -46,6 +46,7 @@ class TQCORE_EXPORT StringTraceData {
     unsigned int file_id;
     unsigned int offset;
   };
+  static Record* records_of(uint64_t state) noexcept;
   // 0: nothing; low bit set: one inline record for sink 0; otherwise a Record[4] pointer,
   // published once by compare-and-exchange.
   mutable std::atomic<uint64_t> m_traceState;
@@ -248,7 +249,9 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, SourceString const&
 class TQCORE_EXPORT SourceLocation {
  public:
   SourceLocation() noexcept : m_line(0) {}
-  // The form used at raising sites: both texts are unmeasured references to literals.
+  // The form used at raising sites: both texts are unmeasured references to literals, which
+  // never allocate.
+  // NOLINTNEXTLINE(bugprone-exception-escape)
   constexpr SourceLocation(char const* function, char const* file_id, unsigned int line) noexcept
       : m_function(function, true), m_fileId(file_id, true), m_line(line) {}
   SourceLocation(SourceString function, SourceString file_id, unsigned int line) noexcept

@@ -148,7 +148,8 @@ OutputIt base64_decode(InputIt first, InputIt last, OutputIt out) {
   int count = 0;   // characters of the group so far
   int padded = 0;  // padding characters seen
   for (; first != last; ++first) {
-    int const c = static_cast<signed char>(*first);
+    // Negative for a byte above 0x7F, which no table holds.
+    int const c = static_cast<signed char>(*first);  // NOLINT(bugprone-signed-char-misuse)
     if (padded > 0) {
       Helper::check_padding_char(c);
       ++padded;
@@ -212,7 +213,8 @@ OutputIt base32_decode(InputIt first, InputIt last, OutputIt out) {
   int count = 0;
   int padded = 0;
   for (; first != last; ++first) {
-    int const c = static_cast<signed char>(*first);
+    // Negative for a byte above 0x7F, which no table holds.
+    int const c = static_cast<signed char>(*first);  // NOLINT(bugprone-signed-char-misuse)
     if (padded > 0) {
       if (c != '=') Helper::raise_padding_error();
       ++padded;
