@@ -60,16 +60,6 @@ INSTANTIATE_TEST_SUITE_P(States, BarrierQueries,
                                          GroupCase{"pve",
                                                    {true, true, true, false, false, false}}));
 
-TEST(AnyFutureBarrier, WaitsUnderOneDeadline) {
-  EXPECT_TRUE(AnyFutureBarrier().wait(AbsoluteTime::now() - RelativeTime::seconds(1)));
-  EXPECT_TRUE(barrier_of("vev").wait(RelativeTime::zero));
-  AnyFutureBarrier const late_first = barrier_of("pvv");
-  EXPECT_FALSE(late_first.wait(RelativeTime::milliseconds(1)));
-  late_first.begin()->cell().set(failure());
-  EXPECT_TRUE(late_first.wait(RelativeTime::zero));  // ready counts, failed or not
-  EXPECT_TRUE(late_first.all_ready());
-}
-
 TEST(AnyFutureBarrier, FailsOnlyWhatIsLeft) {
   AnyFutureBarrier barrier = barrier_of("pvp");
   EXPECT_EQ(barrier.set_error_if_not_ready(failure()), 2u);
@@ -98,17 +88,6 @@ TEST(AnyFutureBarrier, RemovesReadyKeepingOrder) {
   second.set(2);
   barrier.remove_all_ready();
   EXPECT_TRUE(barrier.empty());
-}
-
-TEST(AnyFutureBarrier, TypedAccessRefusesAnotherType) {
-  AnyFutureBarrier const barrier = barrier_of("v");
-  EXPECT_EQ(barrier.begin()->get<int>().get(), 1);
-  try {
-    barrier.begin()->get<std::string>();
-    FAIL();
-  } catch (std::bad_cast const& e) {
-    EXPECT_STREQ(e.what(), "AnyFutureBarrier : bad future cast");
-  }
 }
 
 TEST(AnyResultBarrier, CancelsWhatIsPendingAndRefusesEmptyResults) {

@@ -37,23 +37,6 @@ TEST(ErrorException, NullRecordIsReplaced) {
   EXPECT_EQ(e.error()->location().line(), 43u);
 }
 
-TEST(ErrorException, ThrowIfErrorPassesSuccess) {
-  EXPECT_NO_THROW(ErrorException::throw_if_error(ErrorInfo::Ptr()));
-  ErrorInfo::Ptr error = make("error.x");
-  ErrorException e = caught([&] { ErrorException::throw_if_error(error); });
-  EXPECT_EQ(e.error(), error);  // the record itself travels, not a copy
-}
-
-TEST(ErrorException, MatchingForwardsToTheRecord) {
-  ErrorException e(make("error.outer", make("error.inner.cause")));
-  EXPECT_TRUE(e.matches("error.outer"));
-  EXPECT_TRUE(e.matches(ErrorCode("error")));
-  EXPECT_FALSE(e.matches(SourceString("error.inner")));
-  EXPECT_TRUE(e.any_matches("error.inner"));
-  EXPECT_TRUE(e.any_matches("error.inner.cause.more", 11));
-  EXPECT_EQ(e.first_matching(ErrorCode("error.inner")), e.error()->nested());
-}
-
 TEST(ErrorException, WhatIsBuiltOnceAndIsTheReport) {
   ErrorException e(make("error.x", make("error.y")));
   char const* first = e.what();
@@ -70,16 +53,6 @@ TEST(ErrorException, WhatIsBuiltOnceAndIsTheReport) {
   EXPECT_EQ(streamed.str(), report.str());
 }
 
-TEST(ErrorException, AssignmentDropsTheOldText) {
-  ErrorException a(make("error.first"));
-  ErrorException b(make("error.second"));
-  std::string const old_text = a.what();
-  a = b;
-  EXPECT_EQ(a.error(), b.error());
-  EXPECT_NE(std::string(a.what()), old_text);
-  EXPECT_NE(std::string(a.what()).find("error.second"), std::string::npos);
-}
-
 // A failure while the text is built must not escape what().
 class FailingText : public ErrorException {
  public:
@@ -88,17 +61,6 @@ class FailingText : public ErrorException {
  protected:
   std::string build_what_text() const override { throw std::bad_alloc(); }
 };
-
-TEST(ErrorException, WhatNeverThrows) {
-  FailingText e(make("error.x"));
-  EXPECT_STREQ(e.what(), "tqcore::ErrorException");
-}
-
-TEST(ErrorException, RethrowThrowsANewObjectWithTheSameRecord) {
-  ErrorException stored(make("error.x"));
-  ErrorException again = caught([&] { stored.rethrow(); });
-  EXPECT_EQ(again.error(), stored.error());
-}
 
 // ---- Throw functions -------------------------------------------------------------------------
 
@@ -135,13 +97,6 @@ TEST(ThrowError, EachFormBuildsTheRecordCreateWouldBuild) {
     EXPECT_EQ(records[i]->compare(*expected[i]), 0);
   }
   EXPECT_EQ(caught([&] { throw_error(nested); }).error(), nested);
-}
-
-TEST(SetErrno, StoresAndMapsTheWouldBlockCode) {
-  EXPECT_EQ(set_errno(10035), 11);
-  EXPECT_EQ(errno, 11);
-  EXPECT_EQ(set_errno(ENOENT), ENOENT);
-  EXPECT_EQ(errno, ENOENT);
 }
 
 }  // namespace

@@ -78,21 +78,6 @@ TEST(Fork, ChildrenNeverHangOnALockAnotherThreadHeld) {
   EXPECT_EQ(hung, 0);
 }
 
-TEST(Fork, ChildDrawsOtherNumbersThanItsParent) {
-  int pipe_fds[2];
-  ASSERT_EQ(pipe(pipe_fds), 0);
-  ChildResult const child = run_in_child([&] {
-    uint64_t const drawn = random_uint64();
-    return write(pipe_fds[1], &drawn, sizeof(drawn)) == sizeof(drawn) ? 0 : 1;
-  });
-  uint64_t from_child = 0;
-  ASSERT_EQ(read(pipe_fds[0], &from_child, sizeof(from_child)), ssize_t(sizeof(from_child)));
-  close(pipe_fds[0]);
-  close(pipe_fds[1]);
-  EXPECT_TRUE(child.exited(0));
-  EXPECT_NE(from_child, random_uint64());
-}
-
 // An instance destroyed at exit still finds keys, sequential identifiers and controls.
 struct UsesTheLibraryWhenItEnds {
   ~UsesTheLibraryWhenItEnds() {

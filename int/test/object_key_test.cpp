@@ -65,29 +65,6 @@ TEST(StringKey, TheLastKeyTakesItsItemAlong) {
   EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
 }
 
-TEST(StringKey, TheEmptyTextIsTheDefaultKeyAndNeverCached) {
-  size_t const before = impl::testing::interned_string_count();
-  StringKey const keys[] = {StringKey(), StringKey(""), StringKey(nullptr, 0),
-                            StringKey::from_string(""),
-                            StringKey(static_cast<char const*>(nullptr))};
-  for (StringKey const& key : keys) {
-    EXPECT_EQ(key, StringKey());
-    EXPECT_EQ(key.value(), "");
-    EXPECT_EQ(traced(key), "");
-  }
-  EXPECT_EQ(impl::testing::interned_string_count(), before);
-  StringKey cleared("object-key-test-cleared");
-  cleared.clear();
-  EXPECT_EQ(cleared, StringKey());
-}
-
-TEST(StringKey, TextsWithZeroBytesAreWholeTexts) {
-  StringKey const a("a\0b", 3), b("a\0c", 3), prefix("a", 1);
-  EXPECT_NE(a, b);
-  EXPECT_NE(a, prefix);
-  EXPECT_EQ(a.value().size(), 3u);
-}
-
 TEST(StringKey, AShardThatGrowsKeepsEveryItemFindable) {
   // More than 13 shards times 2039 buckets times 4: every shard grows at least once.
   constexpr int kCount = 120000;
@@ -105,29 +82,6 @@ TEST(StringKey, AShardThatGrowsKeepsEveryItemFindable) {
   EXPECT_EQ(impl::testing::interned_string_count(), before);
 }
 
-TEST(StringKey, ASourceStringCopiesTheTextAndKeepsTheKeysTrace) {
-  StringKey const key("object-key-test-source");
-  SourceString const copy(key);
-  EXPECT_EQ(copy, "object-key-test-source");
-  EXPECT_FALSE(copy.is_reference());
-  ASSERT_TRUE(copy.query_trace_data().get());
-  EXPECT_EQ(copy.query_trace_data().get(), key.query_trace_data().get());
-  SourceString assigned("before");
-  assigned = key;
-  EXPECT_EQ(assigned, "object-key-test-source");
-  EXPECT_TRUE(SourceString(StringKey()).empty());
-}
-
-TEST(UuidKey, InternsByValueAndTracesTheHyphenatedText) {
-  Uuid const uuid = Uuid::from_string("0a1b2c3d-4e5f-6a7b-8c9d-aebfc0d1e2f3");
-  UuidKey const a(uuid), b = UuidKey::from_uuid(uuid);
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(a.uuid(), uuid);
-  EXPECT_EQ(traced(a), "0a1b2c3d-4e5f-6a7b-8c9d-aebfc0d1e2f3");
-  EXPECT_EQ(traced(a), traced(b));  // made once, then shared
-  EXPECT_NE(a, UuidKey(Uuid::create_random()));
-}
-
 TEST(UuidKey, EqualHashesDifferentValuesStayApart) {
   // Swapping the two halves keeps Uuid::hash: the cache must compare the values.
   Uuid const first = Uuid::from_string("00112233-4455-6677-8899-aabbccddeeff");
@@ -138,16 +92,6 @@ TEST(UuidKey, EqualHashesDifferentValuesStayApart) {
   EXPECT_EQ(UuidKey(first), a);
   EXPECT_EQ(UuidKey(swapped), b);
   EXPECT_EQ(b.uuid(), swapped);
-}
-
-TEST(UuidKey, TheNullUuidIsTheDefaultKey) {
-  UuidKey const key{Uuid()};
-  EXPECT_EQ(key, UuidKey());
-  EXPECT_TRUE(key.uuid().is_null());
-  EXPECT_EQ(traced(key), "00000000-0000-0000-0000-000000000000");
-  ObjectKey const object = key.as_object_key();
-  EXPECT_FALSE(object.is_null());
-  EXPECT_EQ(object, UuidKey().as_object_key());
 }
 
 TEST(ObjectKey, NullUniqueAndLabelled) {
@@ -170,15 +114,6 @@ TEST(ObjectKey, NullUniqueAndLabelled) {
   EXPECT_EQ(text.substr(0, 9), "\"worker\"_");
   EXPECT_TRUE(is_base32_name(text.substr(9)));
   EXPECT_NE(labelled, ObjectKey::create_unique_with_label("worker", 6));
-}
-
-TEST(ObjectKey, KeysOfDifferentKindsNeverMeet) {
-  ObjectKey const from_string = StringKey("object-key-test-kinds").as_object_key();
-  ObjectKey const from_uuid = UuidKey(Uuid::create_random()).as_object_key();
-  EXPECT_NE(from_string, from_uuid);
-  EXPECT_NE(StringKey().as_object_key(), UuidKey().as_object_key());
-  EXPECT_NE(StringKey().as_object_key(), ObjectKey());
-  EXPECT_EQ(from_string, StringKey("object-key-test-kinds").as_object_key());
 }
 
 struct PointerToken final : impl::ObjectKeyTokenForPointerBase {

@@ -110,224 +110,47 @@ StaticInstance<Cached> g_instance;
 
 std::string const kLong(200, 'x');  // beyond any small-string buffer
 
+size_t interned() { return impl::testing::interned_string_count(); }
+
 // Keys and hashes first: the harness is their first user in this process.
+// One operation a line.
+// clang-format off
 std::vector<Row> rows() {
   return {
-      {"murmur hash, first use",
-       [] { check(murmur_hash("abc", 3) == murmur_hash("abc", 3), "hash"); }},
-      {"hash context",
-       [] {
-         MurmurHashContext c;
-         c.update("abc", 3);
-         check(c.calculate_digest() == murmur_hash("abc", 3), "digest");
-       }},
-      {"empty keys",
-       [] {
-         StringKey a;
-         UuidKey b;
-         ObjectKey c;
-         a.clear();
-         check(a == StringKey() && b == UuidKey() && c == ObjectKey(), "empty");
-       }},
-      {"string key, first use and hit",
-       [] {
-         StringKey a("oom.key.one");
-         StringKey b("oom.key.one");
-         check(a == b, "same key");
-       }},
-      {"string key, last release",
-       [] {
-         size_t const before = impl::testing::interned_string_count();
-         { StringKey k(kLong.c_str()); }
-         check(impl::testing::interned_string_count() == before, "released");
-       }},
-      {"string key cache growth",
-       [] {
-         size_t const before = impl::testing::interned_string_count();
-         {
-           std::vector<StringKey> keys;
-           for (int i = 0; i < 400; ++i) keys.emplace_back(("grow." + std::to_string(i)).c_str());
-         }
-         check(impl::testing::interned_string_count() == before, "count back");
-       }},
-      {"uuid key",
-       [] {
-         Uuid const u = Uuid::create_random();
-         UuidKey a(u);
-         UuidKey b(u);
-         check(a == b, "same key");
-       }},
-      {"unique key text",
-       [] {
-         std::ostringstream s;
-         s << ObjectKey::create_unique_with_label("oom", 3);
-         check(s.str().size() > 3, "text");
-       }},
-      {"uuid text both ways",
-       [] {
-         Uuid const u = Uuid::create_sequential();
-         check(Uuid::from_string(u.as_string().c_str()) == u, "round trip");
-       }},
-      {"record created and expanded",
-       [] {
-         ErrorParams p;
-         p.add(SourceString::create_reference("n"), kLong);
-         ErrorInfo::Ptr e =
-             ErrorInfo::create(ErrorCode("error.oom.x"), "value {@n}", std::move(p), kHere);
-         check(e->expanded_message().as_string() == "value " + kLong, "expanded");
-       }},
-      {"composer keeps its content",
-       [] {
-         ErrorComposer c("value {@n}");
-         c.param(SourceString::create_reference("n"), kLong);
-         ErrorInfo::Ptr e;
-         for (;;) {
-           try {
-             e = c.create(ErrorCode("error.oom.y"), kHere);
-             break;
-           } catch (std::bad_alloc const&) {
-           }
-         }
-         check(e->expanded_message().as_string() == "value " + kLong, "composed");
-       }},
-      {"builder",
-       [] {
-         ErrorBuilder b;
-         b << kLong;
-         check(b.create(ErrorCode("error.oom.z"), kHere)->message().as_string() == kLong,
-               "message");
-       }},
-      {"what() text, never cached cut",
-       [] {
-         static ErrorException const shared(failure("error.oom.what"));
-         std::string const text = shared.what();
-         if (text == "tqcore::ErrorException") throw std::bad_alloc();  // what() cannot raise
-         check(text.find("error.oom.what") != std::string::npos &&
-                   text.find("failed") != std::string::npos,
-               "whole text");
-       }},
-      {"from errno",
-       [] {
-         check(ErrorInfo::from_errno(kHere, ENOENT)->code().matches("error.errno.ENOENT"), "errno");
-       }},
-      {"from exception",
-       [] {
-         check(ErrorInfo::from_exception(std::runtime_error(kLong), kHere) != nullptr, "record");
-       }},
-      {"wide text to utf-8",
-       [] {
-         check(to_string(L"gr\u00FC\u00DF " + std::wstring(200, L'x')) ==
-                   "gr\xC3\xBC\xC3\x9F " + kLong,
-               "text");
-       }},
-      {"base-64 both ways",
-       [] {
-         std::string const t = base64_encode(kLong.data(), kLong.size());
-         auto const b = base64_decode(t);
-         check(std::string(b.begin(), b.end()) == kLong, "round trip");
-       }},
+      {"murmur hash, first use", [] { check(murmur_hash("abc", 3) == murmur_hash("abc", 3), "hash"); }},
+      {"hash context", [] { MurmurHashContext c; c.update("abc", 3); check(c.calculate_digest() == murmur_hash("abc", 3), "digest"); }},
+      {"empty keys", [] { StringKey a; UuidKey b; ObjectKey c; a.clear(); check(a == StringKey() && b == UuidKey() && c == ObjectKey(), "empty"); }},
+      {"string key, first use and hit", [] { StringKey a("oom.key.one"); StringKey b("oom.key.one"); check(a == b, "same key"); }},
+      {"string key, last release", [] { size_t const before = interned(); { StringKey k(kLong.c_str()); } check(interned() == before, "released"); }},
+      {"string key cache growth", [] { size_t const before = interned(); { std::vector<StringKey> keys; for (int i = 0; i < 400; ++i) keys.emplace_back(("grow." + std::to_string(i)).c_str()); } check(interned() == before, "count back"); }},
+      {"uuid key", [] { Uuid const u = Uuid::create_random(); UuidKey a(u); UuidKey b(u); check(a == b, "same key"); }},
+      {"unique key text", [] { std::ostringstream s; s << ObjectKey::create_unique_with_label("oom", 3); check(s.str().size() > 3, "text"); }},
+      {"uuid text both ways", [] { Uuid const u = Uuid::create_sequential(); check(Uuid::from_string(u.as_string().c_str()) == u, "round trip"); }},
+      {"record created and expanded", [] { ErrorParams p; p.add(SourceString::create_reference("n"), kLong); check(ErrorInfo::create(ErrorCode("error.oom.x"), "value {@n}", std::move(p), kHere)->expanded_message().as_string() == "value " + kLong, "expanded"); }},
+      {"composer keeps its content", [] { ErrorComposer c("value {@n}"); c.param(SourceString::create_reference("n"), kLong); ErrorInfo::Ptr e; while (!e) { try { e = c.create(ErrorCode("error.oom.y"), kHere); } catch (std::bad_alloc const&) {} } check(e->expanded_message().as_string() == "value " + kLong, "composed"); }},
+      {"builder", [] { ErrorBuilder b; b << kLong; check(b.create(ErrorCode("error.oom.z"), kHere)->message().as_string() == kLong, "message"); }},
+      {"what() text, never cached cut", [] { static ErrorException const shared(failure("error.oom.what")); std::string const text = shared.what(); if (text == "tqcore::ErrorException") throw std::bad_alloc(); check(text.find("error.oom.what") != std::string::npos && text.find("failed") != std::string::npos, "whole text"); }},
+      {"from errno", [] { check(ErrorInfo::from_errno(kHere, ENOENT)->code().matches("error.errno.ENOENT"), "errno"); }},
+      {"from exception", [] { check(ErrorInfo::from_exception(std::runtime_error(kLong), kHere) != nullptr, "record"); }},
+      {"wide text to utf-8", [] { check(to_string(L"gr\u00FC\u00DF " + std::wstring(200, L'x')) == "gr\xC3\xBC\xC3\x9F " + kLong, "text"); }},
+      {"base-64 both ways", [] { std::string const t = base64_encode(kLong.data(), kLong.size()); auto const b = base64_decode(t); check(std::string(b.begin(), b.end()) == kLong, "round trip"); }},
       {"number text", [] { check(string_to<double>(std::string_view("1.5")) == 1.5, "value"); }},
-      {"number text, error record",
-       [] {
-         ErrorInfo::Ptr e;
-         string_to<int>(kLong, &e);
-         check(e != nullptr, "error");
-       }},
-      {"time text both ways",
-       [] {
-         AbsoluteTime const t = AbsoluteTime::from_string("2024-02-29 12:00:00.5");
-         check(AbsoluteTime::from_string(t.as_string()) == t, "round trip");
-       }},
-      {"duration text",
-       [] {
-         check(RelativeTime::from_string("P1DT2H").as_string() ==
-                   RelativeTime::from_string("P1DT2H").as_string(),
-               "text");
-       }},
-      {"date-time text",
-       [] {
-         SimpleDateTime const d = SimpleDateTime::from_string("20240229T120000+0100");
-         check(SimpleDateTime::from_string(d.as_string()).as_string() == d.as_string(),
-               "round trip");
-       }},
-      {"future value with observers",
-       [] {
-         Future<std::string> f;
-         RefCountPtr<CountingObserver> o(new CountingObserver);
-         f.add_observer(o.get(), o);
-         bool set = false;
-         try {
-           set = f.set(std::string(kLong));
-         } catch (std::bad_alloc const&) {
-           check(o->successes == 0 && !f.is_ready(), "told of a success that did not happen");
-           throw;
-         }
-         check(set && o->successes == 1 && f.get() == kLong, "set");
-       }},
-      {"result through a future control",
-       [] {
-         Future<int> f;
-         ResultControlFutureRef<int> c(f);
-         RefCountPtr<AsyncResult<int>> h = c.create_async_handler();
-         h->on_async_result_success(7);
-         check(h->get_result().get() == 7, "value");
-       }},
-      {"result through the ignoring controls",
-       [] {
-         ResultControlIgnoredIfAsync<int> c;
-         check(c.signal_result(3).get() == 3, "direct");
-         ResultControlIgnored<int> d;
-         d.create_async_handler()->on_async_result_success(1);
-       }},
-      {"handler dropped unsignalled",
-       [] {
-         Future<int> f;
-         {
-           ResultControlFutureRef<int> c(f);
-           (void)c.create_async_handler();
-         }
-         check(f.is_ready() && f.error_info()->code().matches("error.tqcore.result.notSignaled"),
-               "waiter told");
-       }},
-      {"cancel keeps the handle until it took",
-       [] {
-         Future<int> f;
-         ResultControlFutureRef<int> c(f);
-         RefCountPtr<AsyncResult<int>> const handler = c.create_async_handler();
-         AsyncOpHandle op(handler->get_result());
-         for (;;) {
-           try {
-             op.cancel(false, failure("error.oom.why"));
-             break;
-           } catch (std::bad_alloc const&) {
-             check(!f.is_ready(), "half cancelled");
-           }
-         }
-         check(f.is_ready() && f.error_info()->code().matches("error.tqcore.result.cancelled"),
-               "cancelled");
-       }},
-      {"guard with handlers",
-       [] {
-         Future<> a, b;
-         {
-           ResultControlFutureRef<> ca(a), cb(b);
-           AutoSignalAsyncResult<> guard;  // ends first, failing what it holds
-           guard.push_back(ca.create_async_handler());
-           guard.push_back(cb.create_async_handler());
-         }
-         check(a.is_ready() && b.is_ready(), "both failed");
-       }},
-      {"barrier",
-       [] {
-         Future<int> a, b;
-         AnyFutureBarrier barrier;
-         barrier.push_back(a);
-         barrier.push_back(b);
-         check(barrier.set_error_if_not_ready(failure("error.oom.b")) == 2, "both");
-       }},
+      {"number text, error record", [] { ErrorInfo::Ptr e; string_to<int>(kLong, &e); check(e != nullptr, "error"); }},
+      {"time text both ways", [] { AbsoluteTime const t = AbsoluteTime::from_string("2024-02-29 12:00:00.5"); check(AbsoluteTime::from_string(t.as_string()) == t, "round trip"); }},
+      {"duration text", [] { check(RelativeTime::from_string("P1DT2H").as_string() == RelativeTime::from_string("P1DT2H").as_string(), "text"); }},
+      {"date-time text", [] { SimpleDateTime const d = SimpleDateTime::from_string("20240229T120000+0100"); check(SimpleDateTime::from_string(d.as_string()).as_string() == d.as_string(), "round trip"); }},
+      {"future value with observers", [] { Future<std::string> f; RefCountPtr<CountingObserver> o(new CountingObserver); f.add_observer(o.get(), o); bool set = false; try { set = f.set(std::string(kLong)); } catch (std::bad_alloc const&) { check(o->successes == 0 && !f.is_ready(), "told of a success that did not happen"); throw; } check(set && o->successes == 1 && f.get() == kLong, "set"); }},
+      {"future wait when its event could not be made", [] { Future<int> f; try { check(!f.wait(RelativeTime::milliseconds(1)), "timed out"); } catch (ErrorException const& e) { if (e.matches("error.errno.ENOMEM")) throw std::bad_alloc(); throw; } }},
+      {"result through a future control", [] { Future<int> f; ResultControlFutureRef<int> c(f); RefCountPtr<AsyncResult<int>> h = c.create_async_handler(); h->on_async_result_success(7); check(h->get_result().get() == 7, "value"); }},
+      {"result through the ignoring controls", [] { ResultControlIgnoredIfAsync<int> c; check(c.signal_result(3).get() == 3, "direct"); ResultControlIgnored<int> d; d.create_async_handler()->on_async_result_success(1); }},
+      {"handler dropped unsignalled", [] { Future<int> f; { ResultControlFutureRef<int> c(f); (void)c.create_async_handler(); } check(f.is_ready() && f.error_info()->code().matches("error.tqcore.result.notSignaled"), "waiter told"); }},
+      {"cancel keeps the handle until it took", [] { Future<int> f; ResultControlFutureRef<int> c(f); RefCountPtr<AsyncResult<int>> const h = c.create_async_handler(); AsyncOpHandle op(h->get_result()); for (;;) { try { op.cancel(false, failure("error.oom.why")); break; } catch (std::bad_alloc const&) { check(!f.is_ready(), "half cancelled"); } } check(f.error_info()->code().matches("error.tqcore.result.cancelled"), "cancelled"); }},
+      {"guard with handlers", [] { Future<> a, b; { ResultControlFutureRef<> ca(a), cb(b); AutoSignalAsyncResult<> guard; guard.push_back(ca.create_async_handler()); guard.push_back(cb.create_async_handler()); } check(a.is_ready() && b.is_ready(), "both failed"); }},
+      {"barrier", [] { Future<int> a, b; AnyFutureBarrier barrier; barrier.push_back(a); barrier.push_back(b); check(barrier.set_error_if_not_ready(failure("error.oom.b")) == 2, "both"); }},
       {"static instance on first use", [] { check(g_instance->text.size() == 100, "built"); }},
   };
 }
+// clang-format on
 
 // Shortened in the plain suite; every n in the asan preset, which sets TQCORE_OOM_FULL.
 long run_limit() { return std::getenv("TQCORE_OOM_FULL") != nullptr ? 1'000'000 : 60; }

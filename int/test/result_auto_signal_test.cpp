@@ -77,21 +77,6 @@ TEST(AutoSignal, TheFailureReachesEveryHandlerInOrder) {
   for (Future<int> const& future : ops.futures) EXPECT_EQ(future.error_info(), cause);
 }
 
-TEST(AutoSignal, WithoutHandlersItEndsSilently) {
-  EXPECT_FALSE(Placed<AutoSignalAsyncResult<>>().end());
-  EXPECT_FALSE(Placed<AutoSignalAsyncResult<>>(failure("error.test.unused")).end());
-}
-
-TEST(AutoSignal, SetFailureReleasesTheOldRecord) {
-  AutoSignalAsyncResult<> guard;
-  EXPECT_FALSE(guard.has_failure());
-  ErrorInfo::Ptr const old = failure("error.test.old");
-  guard.set_failure(old);
-  EXPECT_FALSE(old->has_unique_ref());
-  guard.set_failure(failure("error.test.new"));
-  EXPECT_TRUE(old->has_unique_ref());
-}
-
 TEST(AutoSignal, SuccessReachesEveryHandlerAndEmptiesTheGuard) {
   Operations<std::string> ops(3);
   {
@@ -135,16 +120,6 @@ TEST(AutoSignal, AHandlerThatRaisesLeavesTheRestToReportThemselves) {
   EXPECT_EQ(ops.futures[1].error_info(), impl::create_result_not_signaled_error());
 }
 
-TEST(AutoSignal, CopiesShareTheHandlers) {
-  Operations<> ops(1);
-  Placed<AutoSignalAsyncResult<>> original(ops.handlers[0]);
-  AutoSignalAsyncResult<>(*original).signal_success();
-  EXPECT_TRUE(ops.futures[0].has_value());
-  // The original still holds the handler: its failure is a second signal.
-  ErrorInfo::Ptr const raised = original.end();
-  EXPECT_TRUE(raised && raised->matches("error.tqcore.result.redundantSignal"));
-}
-
 TEST(AutoSignal, AMovedGuardLeavesNoSecondOwner) {
   Operations<int> ops(1);
   {
@@ -154,13 +129,6 @@ TEST(AutoSignal, AMovedGuardLeavesNoSecondOwner) {
   }  // `first` ends empty: no second signal, nothing raised
   EXPECT_EQ(ops.futures[0].get(), 8);
   EXPECT_TRUE(ops.failed_in_order.empty());
-}
-
-TEST(AutoSignal, ANullHandlerIsRefused) {
-  AutoSignalAsyncResult<> guard;
-  ErrorInfo::Ptr const raised = raised_by([&] { guard.push_back(nullptr); });
-  ASSERT_TRUE(raised);
-  EXPECT_EQ(raised->expanded_message().as_string(), "Invalid 'handler' value: NULL");
 }
 
 }  // namespace

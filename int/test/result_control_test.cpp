@@ -104,13 +104,6 @@ TEST_P(VoidControl, CancelThroughTheHandlerReachesTheControl) {
 INSTANTIATE_TEST_SUITE_P(Controls, VoidControl, ::testing::ValuesIn(kControlRows),
                          [](auto const& info) { return std::string(info.param.name); });
 
-TEST(ResultControl, IgnoredIfNotReadyIsAFreshIgnoredIfAsync) {
-  ResultControlIgnored<int> const ignored;
-  ResultControlIgnoredIfAsync<int> const direct = ignored.if_not_ready();
-  EXPECT_EQ(direct.signal_result(5).get(), 5);
-  EXPECT_FALSE(ignored.signal_result(5).is_waitable());
-}
-
 TEST(ResultControl, FutureRefKeepsTheFirstOutcomeSilently) {
   Future<int> future;
   ResultControlFutureRef<int> const control(future);
@@ -175,14 +168,6 @@ TEST(TypedControl, AdapterSharesOneHandler) {
             "error.tqcore.result.badParameter");
 }
 
-TEST(TypedControl, AdapterRefusesANullHandler) {
-  ErrorInfo::Ptr const raised =
-      raised_by([] { AsyncHandlerAdapterControl<int> adapter{RefCountPtr<AsyncResult<int>>()}; });
-  ASSERT_TRUE(raised);
-  EXPECT_EQ(code_of(raised), "error.tqcore.result.badParameter");
-  EXPECT_EQ(raised->expanded_message().as_string(), "Invalid 'handler' value: NULL");
-}
-
 // ---- The four handlers for void -------------------------------------------------------------
 
 enum class Got { Empty, Asynchrony, OnFuture };
@@ -224,16 +209,6 @@ class VoidHandler : public ::testing::TestWithParam<HandlerRow> {
   std::unique_ptr<ResultControlIgnored<>> control = std::make_unique<ResultControlIgnored<>>();
   RefCountPtr<AsyncResult<>> handler = GetParam().create(*control, future);
 };
-
-TEST_P(VoidHandler, Queries) {
-  EXPECT_TRUE(handler->ignored());
-  EXPECT_EQ(handler->cancelled(), GetParam().cancelled);
-  Result<> const result = handler->get_result();
-  EXPECT_EQ(result.is_waitable(), GetParam().result != Got::Empty);
-  if (GetParam().result == Got::Asynchrony) {
-    EXPECT_EQ(result.error_info(), impl::create_unexpected_asynchrony_error());
-  }
-}
 
 TEST_P(VoidHandler, CancelReachesOnlyAFuture) {
   handler->cancel(true, nullptr);
@@ -360,45 +335,6 @@ TEST(Cancellation, AfterCompletionChangesNothing) {
 
 // ---- Records --------------------------------------------------------------------------------
 
-struct RecordRow {
-  char const* name;
-  ErrorInfo::Ptr (*get)();
-  char const* code;
-  char const* message;
-  char const* function;
-};
-
-ErrorInfo::Ptr outer_cancelled() {
-  return impl::ResultInnerInvokerTagBase::outer_operation_cancelled();
-}
-
-RecordRow const kRecords[] = {
-    {"NotSignaled", impl::create_result_not_signaled_error, "error.tqcore.result.notSignaled",
-     "An asynchronous result handler is being destroyed but the result has not been signaled.",
-     "tqcore::impl::create_result_not_signaled_error()"},
-    {"Asynchrony", impl::create_unexpected_asynchrony_error,
-     "error.tqcore.result.invalidAsynchrony",
-     "Asynchronous operation initiated with result_error_if_async()",
-     "tqcore::impl::create_unexpected_asynchrony_error()"},
-    {"OuterCancelled", outer_cancelled, "error.tqcore.result.cancelled.innerOperation",
-     "The outer operation was cancelled before the inner operation completed.",
-     "tqcore::impl::ResultInnerInvokerTagBase::outer_operation_cancelled()"},
-};
-
-class CachedRecord : public ::testing::TestWithParam<RecordRow> {};
-
-TEST_P(CachedRecord, BuiltOnceWithItsText) {
-  ErrorInfo::Ptr const record = GetParam().get();
-  EXPECT_EQ(record, GetParam().get());
-  EXPECT_EQ(code_of(record), GetParam().code);
-  EXPECT_EQ(record->message(), GetParam().message);
-  EXPECT_EQ(record->location().function(), GetParam().function);
-  EXPECT_FALSE(record->nested());
-}
-
-INSTANTIATE_TEST_SUITE_P(Result, CachedRecord, ::testing::ValuesIn(kRecords),
-                         [](auto const& info) { return std::string(info.param.name); });
-
 TEST(ResultRecords, WhatCountsAsACancellation) {
   struct Row {
     ErrorInfo::Ptr error;
@@ -407,44 +343,13 @@ TEST(ResultRecords, WhatCountsAsACancellation) {
       {nullptr, false},
       {impl::create_result_cancel_error(nullptr), true},
       {impl::create_result_cancel_error(failure("error.test.why")), true},
-      {outer_cancelled(), true},
+      {impl::ResultInnerInvokerTagBase::outer_operation_cancelled(), true},
       {failure("error.tqcore.result"), false},
       {failure("error.tqcore.result.cancelledLater"), false},
       {impl::create_result_not_signaled_error(), false},
   };
   for (Row const& row : rows)
     EXPECT_EQ(impl::result_was_cancelled(row.error), row.cancelled) << code_of(row.error);
-}
-
-TEST(ResultRecords, RedundantSignalAfterASuccessCallback) {
-  ErrorInfo::Ptr const cause = failure("error.test.callback");
-  ErrorInfo::Ptr const raised = raised_by([&] { impl::raise_redundant_signal_error(cause, true); });
-  ASSERT_TRUE(raised);
-  EXPECT_EQ(raised->message(), "A success callback PROBABLY allowed an exception to escape.");
-  EXPECT_EQ(raised->nested(), cause);
-}
-
-TEST(ResultRecords, NullParameterNames) {
-  struct Row {
-    char const* name;
-    size_t size;
-    char const* text;
-  } const rows[] = {
-      {"callback", size_t(-1), "Invalid 'callback' value: NULL"},
-      {"callback", 4, "Invalid 'call' value: NULL"},
-      {nullptr, size_t(-1), "Invalid '' value: NULL"},
-      {nullptr, 0, "Invalid '' value: NULL"},
-  };
-  SourceLocation const here("caller()", "file", 9);
-  for (Row const& row : rows) {
-    ErrorInfo::Ptr const raised =
-        raised_by([&] { impl::raise_null_parameter_error(row.name, row.size, here); });
-    ASSERT_TRUE(raised);
-    EXPECT_EQ(code_of(raised), "error.tqcore.result.badParameter");
-    EXPECT_EQ(raised->expanded_message().as_string(), row.text);
-    EXPECT_EQ(raised->params().get_value("value"), "NULL");
-    EXPECT_EQ(raised->location(), here);
-  }
 }
 
 // ---- The caller's slot -----------------------------------------------------------------------
@@ -466,37 +371,7 @@ class SlotControl : public ResultControlIgnored<> {
   bool has_content() const { return m_slotContent != nullptr; }
 };
 
-TEST(ResultControlSlot, CopiesStartEmptyAndAssignmentCopiesAsItStands) {
-  std::vector<int> log;
-  {
-    SlotControl const filled(&log, 7);
-    SlotControl const copy(filled);
-    EXPECT_FALSE(copy.has_content());
-    SlotControl assigned;
-    assigned = filled;
-    EXPECT_TRUE(assigned.has_content());
-  }
-  // Three ends, two of them with content: the assigned one destroys the copy of the bytes it
-  // points into, which is the original's. The asymmetry is the contract.
-  EXPECT_EQ(log, (std::vector<int>{70, 70}));
-}
-
 // ---- Completions handed between threads ------------------------------------------------------
-
-TEST(DispatchedCompletion, VoidSuccessIsANullError) {
-  impl::DispatchedCompletion<void> const success(impl::DispatchedCompletion<void>::value);
-  EXPECT_FALSE(success.error());
-  ErrorInfo::Ptr const error = failure("error.test.d");
-  EXPECT_EQ(impl::DispatchedCompletion<void>(error).error(), error);
-}
-
-TEST(DispatchedCompletion, TypedCompletionCarriesAValueOrAnError) {
-  impl::DispatchedCompletion<std::string> const done(std::string("v"));
-  EXPECT_EQ(done.value(), "v");
-  EXPECT_FALSE(done.error());
-  EXPECT_EQ(code_of(raised_by([] { impl::DispatchedCompletion<int>(ErrorInfo::Ptr()); })),
-            "error.tqcore.result.badParameter");
-}
 
 }  // namespace
 }  // namespace tqcore

@@ -51,13 +51,6 @@ TEST(Result, ImmediateValuesAndErrorsIgnoreCancel) {
   EXPECT_EQ(raised_by([&] { failed.throw_if_error(); }).get(), error.get());
 }
 
-TEST(Result, ANullErrorIsRefusedBeforeAnything) {
-  ErrorInfo::Ptr const raised = raised_by([] { impl::ErrorResultImpl<int>::create(nullptr); });
-  ASSERT_TRUE(raised);
-  EXPECT_TRUE(raised->matches(error::tqcore_result_badParameter));
-  EXPECT_EQ(raised->message().as_string(), "Null ErrorInfo pointer");
-}
-
 class PendingResult : public testing::Test {
  protected:
   Future<int> future;
@@ -98,24 +91,6 @@ TEST_F(PendingResult, CancelWithAReasonNestsIt) {
   ASSERT_TRUE(raised);
   EXPECT_TRUE(raised->matches(error::tqcore_result_cancelled));
   EXPECT_EQ(raised->nested().get(), reason.get());
-}
-
-TEST(Result, HandlesShareAndTransfer) {
-  Future<> future;
-  Result<> result(impl::FutureResultImpl<void>::create(future));
-  Result<> const& same = result;
-  result = same;  // self-assignment keeps the object
-  EXPECT_TRUE(result.is_waitable());
-  Result<> moved(result.transfer());
-  EXPECT_FALSE(result.is_waitable());
-  EXPECT_TRUE(moved.is_waitable());
-  {
-    AsyncOpHandle handle(moved);
-    moved = Result<>();
-    EXPECT_FALSE(future.is_ready());
-    handle.cancel(false, nullptr);  // the handle alone kept the operation alive
-  }
-  EXPECT_TRUE(future.has_error());
 }
 
 }  // namespace

@@ -47,23 +47,21 @@ TEST_P(SimpleDateTimeAccepts, ReadsBaseAndOffset) {
   EXPECT_EQ(parse(value.as_string().c_str()).timezone_offset(), value.timezone_offset());
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Forms, SimpleDateTimeAccepts,
     testing::Values(
-        Accepted{"2000-01-01T12:00:00+01:00", 60, "2000-01-01 12:00:00.0",
-                 "2000-01-01 12:00:00.0+01:00"},
+        Accepted{"2000-01-01T12:00:00+01:00", 60, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0+01:00"},
         Accepted{"2000-01-01T12:00:00Z", 0, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0Z"},
         Accepted{"2000-01-01T12:00:00z", 0, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0Z"},
         Accepted{"2000-01-01T12:00:00", 0, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0Z"},
-        Accepted{"2000-01-01T12:00:00-0530", -330, "2000-01-01 12:00:00.0",
-                 "2000-01-01 12:00:00.0-05:30"},
-        Accepted{"2000-01-01T12:00:00+05", 300, "2000-01-01 12:00:00.0",
-                 "2000-01-01 12:00:00.0+05:00"},
+        Accepted{"2000-01-01T12:00:00-0530", -330, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0-05:30"},
+        Accepted{"2000-01-01T12:00:00+05", 300, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0+05:00"},
         Accepted{"2000-01-01T12:00:00-00:00", 0, "2000-01-01 12:00:00.0", "2000-01-01 12:00:00.0Z"},
         // Hours are not limited by the reader: the offset is normalised into a day shift.
-        Accepted{"2000-01-01T12:00:00+13:00", -660, "2000-01-02 12:00:00.0",
-                 "2000-01-02 12:00:00.0-11:00"},
+        Accepted{"2000-01-01T12:00:00+13:00", -660, "2000-01-02 12:00:00.0", "2000-01-02 12:00:00.0-11:00"},
         Accepted{"##INFINITE##", 0, "##INFINITE##", "##INFINITE##"}));
+// clang-format on
 
 struct Rejected {
   char const* text;
@@ -96,19 +94,23 @@ constexpr char kAfterZ[] =
 constexpr char kMinutes[] = "Minutes in timezone must be 0...59: ";
 constexpr char kRange[] = "Components of UTC date/time string exceeds date range: ";
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(Failures, SimpleDateTimeRejects,
-                         testing::Values(Rejected{"2000-01-01T12:00:00+5", kForm, false},
-                                         Rejected{"2000-01-01T12:00:00+0530x", kForm, false},
-                                         Rejected{"2000-01-01T12:00:00+05.30", kForm, false},
-                                         Rejected{"2000-01-01T12:00:00+a1:00", kForm, false},
-                                         Rejected{"2000-01-01T12:00:00+01:60", kMinutes, false},
-                                         Rejected{"2000-01-01T12:00:00Z1", kAfterZ, false},
-                                         Rejected{"2000-01-01", kBase, true},
-                                         Rejected{"", kBase, true}, Rejected{"+01:00", kBase, true},
-                                         // Offsets that would carry the base out of range.
-                                         Rejected{"22620411T0000+23", kRange, true},
-                                         Rejected{"16770921T1200-23", kRange, true},
-                                         Rejected{"22620410T234716.854775807+1201", kRange, true}));
+                         testing::Values(
+        Rejected{"2000-01-01T12:00:00+5", kForm, false},
+        Rejected{"2000-01-01T12:00:00+0530x", kForm, false},
+        Rejected{"2000-01-01T12:00:00+05.30", kForm, false},
+        Rejected{"2000-01-01T12:00:00+a1:00", kForm, false},
+        Rejected{"2000-01-01T12:00:00+01:60", kMinutes, false},
+        Rejected{"2000-01-01T12:00:00Z1", kAfterZ, false},
+        Rejected{"2000-01-01", kBase, true},
+        Rejected{"", kBase, true},
+        Rejected{"+01:00", kBase, true},
+        // Offsets that would carry the base out of range.
+        Rejected{"22620411T0000+23", kRange, true},
+        Rejected{"16770921T1200-23", kRange, true},
+        Rejected{"22620410T234716.854775807+1201", kRange, true}));
+// clang-format on
 
 TEST(SimpleDateTime, LocalTimeDecidesEqualityOrderAndHash) {
   SimpleDateTime const plus_one = parse("2000-01-01T12:00:00+01:00");
@@ -145,11 +147,18 @@ TEST_P(SimpleDateTimeNormalises, WholeDaysMoveIntoTheBaseAndLocalTimeStays) {
   EXPECT_EQ(value.as_local_time(), base + RelativeTime::minutes(c.minutes));
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(Offsets, SimpleDateTimeNormalises,
-                         testing::Values(Normalised{720, 720, 0}, Normalised{-720, -720, 0},
-                                         Normalised{721, -719, 1}, Normalised{-721, 719, -1},
-                                         Normalised{2160, -720, 2}, Normalised{2161, -719, 2},
-                                         Normalised{-2161, 719, -2}, Normalised{0, 0, 0}));
+                         testing::Values(
+        Normalised{720, 720, 0},
+        Normalised{-720, -720, 0},
+        Normalised{721, -719, 1},
+        Normalised{-721, 719, -1},
+        Normalised{2160, -720, 2},
+        Normalised{2161, -719, 2},
+        Normalised{-2161, 719, -2},
+        Normalised{0, 0, 0}));
+// clang-format on
 
 // Offsets that move the base by thousands of years leave the range: a failure, never a wrap.
 TEST(SimpleDateTime, ExtremeOffsetsAreRangeFailures) {
@@ -158,24 +167,6 @@ TEST(SimpleDateTime, ExtremeOffsetsAreRangeFailures) {
         tqcore_test::raised_by([&] { SimpleDateTime(AbsoluteTime::zero, minutes); });
     EXPECT_TRUE(error && error->matches(error::tqcore_absoluteTime_range)) << minutes;
   }
-}
-
-TEST(SimpleDateTime, InfiniteBaseTakesNoOffset) {
-  SimpleDateTime value;
-  value.set(AbsoluteTime::infinite, 0);
-  EXPECT_EQ(value.as_string(), "##INFINITE##");
-  EXPECT_TRUE(value.as_local_time().is_infinite());
-  try {
-    value.set(AbsoluteTime::infinite, 1);
-    FAIL();
-  } catch (ErrorException const& e) {
-    EXPECT_TRUE(e.matches(error::tqcore_simpleDateTime_timezoneOffset));
-    EXPECT_EQ(e.error()->expanded_message().as_string(),
-              "Timezone offset must be 0 if base-UTC time is infinite");
-    EXPECT_EQ(e.error()->params().get_value("timezoneOffset"), "1");
-  }
-  // The reader reaches the same check: an escape its callers must allow for.
-  EXPECT_THROW(parse_error("##INFINITE##+01:00"), ErrorException);
 }
 
 TEST(SimpleDateTime, RelativeOffsetsDropSecondsAndRefuseInfinity) {

@@ -87,17 +87,6 @@ bool said_once(std::string const& output, std::string const& line) {
 
 StaticInstance<Tracked<1>> g_tracked;
 
-TEST(StaticInstance, IsBuiltOnFirstUseOnly) {
-  EXPECT_FALSE(g_tracked.is_built());
-  int before = Tracked<1>::constructed;
-  EXPECT_EQ(g_tracked->value, 42);
-  EXPECT_EQ((*g_tracked).value, 42);
-  EXPECT_EQ(&g_tracked.get(), &g_tracked.get());
-  EXPECT_EQ(Tracked<1>::constructed, before + 1);
-  EXPECT_TRUE(g_tracked.is_built());
-  EXPECT_FALSE(g_tracked.is_destroyed());
-}
-
 TEST(StaticInstance, AccessAfterDestructionRaises) {
   ChildResult child = run_in_child([] {
     static StaticInstance<Tracked<2>> instance;

@@ -44,14 +44,6 @@ TEST(SafeCast, RefusesEveryLossWithItsOwnCode) {
             "error.tqcore.cast.valueTooBig ");
 }
 
-TEST(SafeCast, KeepsEveryValueThatFits) {
-  EXPECT_EQ(safe_cast<uint8_t>(255), 255);
-  EXPECT_EQ(safe_cast<int8_t>(-128), -128);
-  EXPECT_EQ(safe_cast<int64_t>(UINT32_MAX), 4294967295LL);
-  EXPECT_EQ(safe_cast<uint64_t>(INT64_MAX), static_cast<uint64_t>(INT64_MAX));
-  EXPECT_EQ(safe_cast<int32_t>(0x7fffffffu), INT32_MAX);
-}
-
 struct Base {
   virtual ~Base() = default;
 };
@@ -77,16 +69,6 @@ TEST(DynamicReferenceCast, TellsNullFromWrongType) {
 }
 
 // ---- ASCII helpers ---------------------------------------------------------------------------
-
-TEST(NocaseAscii, ComparesFoldedBytesThenSizes) {
-  EXPECT_EQ(compare_nocase_ascii("abc", kNpos, "ABCD", kNpos), -1);
-  EXPECT_EQ(compare_nocase_ascii("ABC", kNpos, "abd", kNpos), -1);
-  EXPECT_EQ(compare_nocase_ascii("", kNpos, "", kNpos), 0);
-  EXPECT_EQ(compare_nocase_ascii("a[", kNpos, "A{", kNpos), '[' - '{');
-  EXPECT_EQ(compare_nocase_ascii("\xC4", 1, "\xE4", 1), -60 - -28);  // bytes from 0x80 never fold
-  EXPECT_TRUE(string_equal_nocase_ascii("Hello, World", kNpos, "hELLO, wORLD", kNpos));
-  EXPECT_FALSE(string_equal_nocase_ascii("abc", 3, "abcd", 4));
-}
 
 // The word-at-a-time comparison against the rules applied one byte at a time.
 TEST(NocaseAscii, AgreesWithTheBytewiseRuleOnGeneratedTexts) {
@@ -122,30 +104,7 @@ TEST(NocaseAscii, HashesAgreeAcrossCase) {
   EXPECT_NE(string_hash_uppercase_ascii("ab", 2), string_hash_lowercase_ascii("ab", 2));
 }
 
-TEST(NocaseAscii, CaseConversionTouchesOnlyLetters) {
-  EXPECT_EQ(to_lower_ascii("AbC-\xC4Z", kNpos), "abc-\xC4z");
-  EXPECT_EQ(to_upper_ascii("abc{", 3), "ABC");
-  std::string large(5000, 'q');  // past the stack buffer
-  EXPECT_EQ(to_upper_ascii(large.data(), large.size()), std::string(5000, 'Q'));
-  to_upper_ascii_inplace(large);
-  to_lower_ascii_inplace(large);
-  EXPECT_EQ(large, std::string(5000, 'q'));
-}
-
 // ---- StringRange -----------------------------------------------------------------------------
-
-TEST(StringRange, EmptinessBoundsAndEnd) {
-  EXPECT_TRUE(StringRange().empty());
-  EXPECT_FALSE(StringRange().unbounded());
-  EXPECT_TRUE(StringRange(5, kNpos).unbounded());
-  EXPECT_EQ(StringRange(5, kNpos).last(), kNpos);
-  EXPECT_TRUE(StringRange(kNpos, 3).empty());
-  EXPECT_EQ(StringRange(2, 3).last(), 5u);
-  EXPECT_EQ(StringRange(2, 3).last(4), StringRange(2, 2));
-  EXPECT_EQ(StringRange(2, 3).last(1), StringRange(2, 0));
-  EXPECT_EQ(StringRange(2, 3).last(kNpos), StringRange(2, kNpos));
-  EXPECT_EQ(StringRange(kNpos, 3).last(kNpos), StringRange(kNpos, 0));
-}
 
 struct RangeCase {
   StringRange range;
@@ -165,87 +124,24 @@ TEST_P(StringRangeArithmetic, Saturates) {
   EXPECT_EQ(result, c.expected);
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Table, StringRangeArithmetic,
     ::testing::Values(
-        RangeCase{{2, 3}, 's', 1, 100, {3, 2}}, RangeCase{{2, 3}, 's', 100, 1, {5, 0}},
-        RangeCase{{kNpos, 3}, 's', 0, 1, {kNpos, 0}}, RangeCase{{2, kNpos}, 's', 3, 4, {5, 4}},
-        RangeCase{{2, kNpos}, 's', kNpos, 4, {kNpos, 0}}, RangeCase{{0, 5}, 'i', 3, 10, {3, 2}},
-        RangeCase{{0, 2}, 'i', 3, 1, {0, 0}}, RangeCase{{0, kNpos}, 'i', 3, kNpos, {3, kNpos}},
-        RangeCase{{kNpos, 1}, 'i', 0, 1, {0, 0}}, RangeCase{{2, 10}, 'k', 3, 7, {0, 0}},
-        RangeCase{{2, 10}, 'k', 3, 6, {5, 1}}, RangeCase{{2, kNpos}, 'k', 3, 9, {5, kNpos}},
+        RangeCase{{2, 3}, 's', 1, 100, {3, 2}},
+        RangeCase{{2, 3}, 's', 100, 1, {5, 0}},
+        RangeCase{{kNpos, 3}, 's', 0, 1, {kNpos, 0}},
+        RangeCase{{2, kNpos}, 's', 3, 4, {5, 4}},
+        RangeCase{{2, kNpos}, 's', kNpos, 4, {kNpos, 0}},
+        RangeCase{{0, 5}, 'i', 3, 10, {3, 2}},
+        RangeCase{{0, 2}, 'i', 3, 1, {0, 0}},
+        RangeCase{{0, kNpos}, 'i', 3, kNpos, {3, kNpos}},
+        RangeCase{{kNpos, 1}, 'i', 0, 1, {0, 0}},
+        RangeCase{{2, 10}, 'k', 3, 7, {0, 0}},
+        RangeCase{{2, 10}, 'k', 3, 6, {5, 1}},
+        RangeCase{{2, kNpos}, 'k', 3, 9, {5, kNpos}},
         RangeCase{{2, 10}, 'k', kNpos, 0, {0, 0}}));
-
-TEST(StringRange, OrdersByFirstThenLength) {
-  EXPECT_LT(StringRange(1, 9), StringRange(2, 0));
-  EXPECT_LT(StringRange(1, 2), StringRange(1, 3));
-  EXPECT_GE(StringRange(1, 3), StringRange(1, 3));
-}
-
-// ---- StringSliceTraits -----------------------------------------------------------------------
-
-template <class T>
-class SliceTraits : public ::testing::Test {};
-
-template <class T>
-struct Sample;
-template <>
-struct Sample<char const*> {
-  static char const* get() { return "slice text"; }
-};
-template <>
-struct Sample<wchar_t const*> {
-  static wchar_t const* get() { return L"slice text"; }
-};
-template <>
-struct Sample<std::string const*> {
-  static std::string const* get() {
-    static std::string const text = "slice text";
-    return &text;
-  }
-};
-template <>
-struct Sample<std::wstring const*> {
-  static std::wstring const* get() {
-    static std::wstring const text = L"slice text";
-    return &text;
-  }
-};
-template <>
-struct Sample<SourceString const*> {
-  static SourceString const* get() {
-    static SourceString const text("slice text", true);
-    return &text;
-  }
-};
-
-using SliceKinds = ::testing::Types<char const*, wchar_t const*, std::string const*,
-                                    std::wstring const*, SourceString const*>;
-TYPED_TEST_SUITE(SliceTraits, SliceKinds);
-
-TYPED_TEST(SliceTraits, SeeTheSameSpanAndStreamIt) {
-  using Traits = StringSliceTraits<TypeParam>;
-  using Char = typename Traits::char_type;
-  TypeParam text = Sample<TypeParam>::get();
-  EXPECT_EQ(Traits::string_size(text), 10u);
-  EXPECT_EQ(Traits::string_size(Traits::empty_string_pointer()), 0u);
-  EXPECT_FALSE(Traits::is_null_pointer(text));
-  EXPECT_TRUE(Traits::equal_pointers(text, text));
-  StringRange const word(6, 4);
-  std::basic_string<Char> reversed(Traits::string_rbegin(text, word),
-                                   Traits::string_rend(text, word));
-  EXPECT_EQ(reversed.size(), 4u);
-  EXPECT_EQ(reversed[0], Char('t'));
-  std::basic_ostringstream<Char> plain;
-  Traits::write_stream(plain, text, word);
-  EXPECT_EQ(plain.str(), std::basic_string<Char>(Traits::string_begin(text, word), 4));
-  std::basic_ostringstream<Char> padded;
-  padded.width(6);
-  padded.fill(Char('*'));
-  Traits::write_stream(padded, text, StringRange(0, 5));
-  EXPECT_EQ(padded.str().size(), 6u);
-  EXPECT_EQ(padded.str()[0], Char('*'));
-}
+// clang-format on
 
 }  // namespace
 }  // namespace tqcore

@@ -48,14 +48,18 @@ TEST_P(Rfc4648, EncodesAndDecodes) {
   EXPECT_EQ(hex_decode(v.hex), bytes_of(data));
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Table, Rfc4648,
-    ::testing::Values(Vector{"", "", "", ""}, Vector{"f", "Zg==", "MY======", "66"},
-                      Vector{"fo", "Zm8=", "MZXQ====", "666f"},
-                      Vector{"foo", "Zm9v", "MZXW6===", "666f6f"},
-                      Vector{"foob", "Zm9vYg==", "MZXW6YQ=", "666f6f62"},
-                      Vector{"fooba", "Zm9vYmE=", "MZXW6YTB", "666f6f6261"},
-                      Vector{"foobar", "Zm9vYmFy", "MZXW6YTBOI======", "666f6f626172"}));
+    ::testing::Values(
+        Vector{"", "", "", ""},
+        Vector{"f", "Zg==", "MY======", "66"},
+        Vector{"fo", "Zm8=", "MZXQ====", "666f"},
+        Vector{"foo", "Zm9v", "MZXW6===", "666f6f"},
+        Vector{"foob", "Zm9vYg==", "MZXW6YQ=", "666f6f62"},
+        Vector{"fooba", "Zm9vYmE=", "MZXW6YTB", "666f6f6261"},
+        Vector{"foobar", "Zm9vYmFy", "MZXW6YTBOI======", "666f6f626172"}));
+// clang-format on
 
 // ---- Round trips over generated data ---------------------------------------------------------
 
@@ -111,19 +115,21 @@ TEST_P(Base64Malformed, IsRefused) {
   EXPECT_EQ(raised_code([&] { base64_decode(m.text); }), m.code) << m.text;
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Table, Base64Malformed,
-    ::testing::Values(Malformed{"Zm9v!", "error.tqcore.transforms.base64.invalid"},
-                      Malformed{"Zm9\x80", "error.tqcore.transforms.base64.invalid"},
-                      Malformed{"Zm9vY", "error.tqcore.transforms.base64.truncated"},
-                      Malformed{"Zg=", "error.tqcore.transforms.base64.truncated"},
-                      Malformed{"Zg===", "error.tqcore.transforms.base64.truncated"},
-                      Malformed{"Zm9v====", "error.tqcore.transforms.base64.truncated"},
-                      Malformed{"Zg==Zg==", "error.tqcore.transforms.base64.padding"},
-                      Malformed{"Zg=\xC3", "error.tqcore.transforms.base64.padding"},
-                      // In a long text the vector blocks meet the bad character first.
-                      Malformed{std::string(100, 'A') + "*" + std::string(43, 'A'),
-                                "error.tqcore.transforms.base64.invalid"}));
+    ::testing::Values(
+        Malformed{"Zm9v!", "error.tqcore.transforms.base64.invalid"},
+        Malformed{"Zm9\x80", "error.tqcore.transforms.base64.invalid"},
+        Malformed{"Zm9vY", "error.tqcore.transforms.base64.truncated"},
+        Malformed{"Zg=", "error.tqcore.transforms.base64.truncated"},
+        Malformed{"Zg===", "error.tqcore.transforms.base64.truncated"},
+        Malformed{"Zm9v====", "error.tqcore.transforms.base64.truncated"},
+        Malformed{"Zg==Zg==", "error.tqcore.transforms.base64.padding"},
+        Malformed{"Zg=\xC3", "error.tqcore.transforms.base64.padding"},
+        // In a long text the vector blocks meet the bad character first.
+        Malformed{std::string(100, 'A') + "*" + std::string(43, 'A'), "error.tqcore.transforms.base64.invalid"}));
+// clang-format on
 
 TEST(Base32Malformed, EachFaultHasItsCode) {
   // Characters that fold onto letters, in a text long enough for the vector blocks.
@@ -149,30 +155,6 @@ TEST(HexMalformed, EachFaultHasItsCode) {
   std::string long_text(64, 'a');
   long_text[37] = 'x';
   EXPECT_EQ(raised_code([&] { hex_decode(long_text); }), "error.tqcore.transforms.hex.invalid");
-}
-
-TEST(TransformHelpers, TablesAndChecks) {
-  using impl::TransformHelperBase64;
-  EXPECT_EQ(TransformHelperBase64::sm_toBinaryTable['+'],
-            TransformHelperBase64::sm_toBinaryTable['-']);
-  EXPECT_EQ(TransformHelperBase64::sm_toBinaryTable['/'],
-            TransformHelperBase64::sm_toBinaryTable['_']);
-  EXPECT_NO_THROW(TransformHelperBase64::check_padding_char('='));
-  for (int c : {int{'A'}, -1, 200}) {
-    EXPECT_EQ(raised_code([c] { TransformHelperBase64::check_padding_char(c); }),
-              "error.tqcore.transforms.base64.padding");
-  }
-  EXPECT_EQ(impl::TransformHelperHex::nibble_from_charval('F'), 15);
-  EXPECT_EQ(impl::TransformHelperHex::nibble_from_charval('f'), 15);
-  EXPECT_EQ(impl::TransformHelperBase32::sm_padcountTable[0], 0);
-  try {
-    impl::TransformHelperHex::nibble_from_charval('g');
-    FAIL();
-  } catch (ErrorException const& e) {
-    EXPECT_EQ(e.error()->message(), "Invalid character in hex sequence, expecting: 0-9a-fA-F");
-    EXPECT_EQ(e.error()->location().function(),
-              "tqcore::impl::TransformHelperHex::raise_invalid_character_error()");
-  }
 }
 
 }  // namespace

@@ -676,16 +676,5 @@ TEST(StringFunctions, TerminatorAndReplacementRules) {
   EXPECT_EQ(errno, ENOMEM);
 }
 
-TEST(StringFunctions, LimitLengthDropsACutSequence) {
-  char const text[] =
-      "a\xE2\x82\xAC"
-      "b";
-  EXPECT_EQ(utf8_limit_length(text, 5, 2), 1u);
-  EXPECT_EQ(utf8_limit_length(text, 5, 3), 1u);
-  EXPECT_EQ(utf8_limit_length(text, 5, 4), 4u);
-  EXPECT_EQ(utf8_limit_length(text, 5, 9), 5u);
-  EXPECT_EQ(utf8_limit_length(text, 5, 0), 0u);
-}
-
 }  // namespace
 }  // namespace tqcore
