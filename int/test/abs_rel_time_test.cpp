@@ -188,6 +188,9 @@ struct UtcCase {
   char const* expected;  // as_string() of the result, or the expanded failure message
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(UtcCase const& row, std::ostream* out) { *out << ::testing::PrintToString(row.text); }
+
 class UtcParser : public ::testing::TestWithParam<UtcCase> {};
 
 TEST_P(UtcParser, ParsesOrRefusesWithItsMessage) {
@@ -270,6 +273,11 @@ struct DurationCase {
   long long nanoseconds;  // when it parses
   char const* failure;    // otherwise, the start of the expanded message
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(DurationCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.text);
+}
 
 class DurationParser : public ::testing::TestWithParam<DurationCase> {};
 

@@ -39,6 +39,11 @@ struct GroupCase {
   Queries expected;
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(GroupCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.states);
+}
+
 class BarrierQueries : public testing::TestWithParam<GroupCase> {};
 
 TEST_P(BarrierQueries, AnswerAsAGroup) {

@@ -23,6 +23,11 @@ struct MatchCase {
   bool expected;
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(MatchCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.code);
+}
+
 class ErrorCodeMatches : public ::testing::TestWithParam<MatchCase> {};
 
 TEST_P(ErrorCodeMatches, IsAPrefixAtASegmentBoundary) {

@@ -68,6 +68,11 @@ struct NativeCodeCase {
   long expected;
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(NativeCodeCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.params);
+}
+
 class NativeCode : public ::testing::TestWithParam<NativeCodeCase> {};
 
 TEST_P(NativeCode, TheFirstPresentNameDecides) {

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "async_test_support.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {
@@ -24,6 +24,11 @@ struct ErrnoCase {
   char const* message;
   char const* errno_param;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(ErrnoCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.value);
+}
 
 class FromErrno : public ::testing::TestWithParam<ErrnoCase> {};
 

@@ -51,6 +51,11 @@ struct ExpansionCase {
   char const* expected;
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(ExpansionCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.message);
+}
+
 class Expansion : public ::testing::TestWithParam<ExpansionCase> {
  protected:
   ErrorParams params = params_of({{"name", "value"},

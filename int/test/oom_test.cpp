@@ -31,7 +31,7 @@
 #include <string>
 #include <vector>
 
-#include "async_test_support.h"
+#include "test_support.h"
 #include "testing_seams.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "async_test_support.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "async_test_support.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {
@@ -34,6 +34,11 @@ struct ControlRow {
   bool reaches_future;          // whether signals (and handler signals) set the caller's future
   char const* null_error_code;  // what signal_error(nullptr) raises
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(ControlRow const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.name);
+}
 
 std::vector<ControlRow> const kControlRows = {
     {"Ignored", [](Future<> const&) { return std::make_unique<ResultControlIgnored<>>(); },
@@ -178,6 +183,11 @@ struct HandlerRow {
   bool cancelled;
   Got result;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(HandlerRow const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.name);
+}
 
 std::vector<HandlerRow> const kHandlerRows = {
     {"Ignored",

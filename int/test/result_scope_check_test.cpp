@@ -18,8 +18,8 @@
 #include <thread>
 #include <type_traits>
 
-#include "async_test_support.h"
 #include "child_process.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {
@@ -208,6 +208,11 @@ struct SwitchRow {
   char const* value;  // null: unset
   char const* expected;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(SwitchRow const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.value);
+}
 
 class ScopeCheckSwitch : public ::testing::TestWithParam<SwitchRow> {};
 

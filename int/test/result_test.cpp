@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "async_test_support.h"
+#include "test_support.h"
 
 #include <string>
 

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string>
 
-#include "async_test_support.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {
@@ -33,6 +33,9 @@ struct Accepted {
   char const* base;     // base_time_utc().as_string()
   char const* written;  // as_string()
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(Accepted const& row, std::ostream* out) { *out << ::testing::PrintToString(row.text); }
 
 class SimpleDateTimeAccepts : public testing::TestWithParam<Accepted> {};
 
@@ -68,6 +71,9 @@ struct Rejected {
   char const* message;  // the start of the expanded message
   bool has_cause;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(Rejected const& row, std::ostream* out) { *out << ::testing::PrintToString(row.text); }
 
 class SimpleDateTimeRejects : public testing::TestWithParam<Rejected> {};
 
@@ -135,6 +141,11 @@ struct Normalised {
   int offset;
   int day_shift;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(Normalised const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.minutes);
+}
 
 class SimpleDateTimeNormalises : public testing::TestWithParam<Normalised> {};
 

@@ -50,6 +50,9 @@ struct CompareCase {
   int sign;
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(CompareCase const& row, std::ostream* out) { *out << ::testing::PrintToString(row.a); }
+
 class SourceStringCompare : public ::testing::TestWithParam<CompareCase> {};
 
 TEST_P(SourceStringCompare, OrdersAsUnsignedBytesThenByLength) {
@@ -151,6 +154,9 @@ struct FileIdCase {
   char const* depot_path;
   char const* file_path;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(FileIdCase const& row, std::ostream* out) { *out << ::testing::PrintToString(row.id); }
 
 class FileIdPaths : public ::testing::TestWithParam<FileIdCase> {};
 

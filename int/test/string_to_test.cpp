@@ -138,6 +138,11 @@ struct IntegerCase {
   char const* failure;  // otherwise, the start of the message
 };
 
+// Rows show by their first field in test names and failure messages.
+void PrintTo(IntegerCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.text);
+}
+
 class IntegerGrammar : public ::testing::TestWithParam<IntegerCase> {};
 
 TEST_P(IntegerGrammar, ParsesOrReports) {

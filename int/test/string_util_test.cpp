@@ -10,6 +10,8 @@
 #include <sstream>
 #include <string>
 
+#include "test_support.h"
+
 namespace tqcore {
 namespace {
 
@@ -19,12 +21,9 @@ constexpr size_t kNpos = StringRange::npos;
 
 template <class F>
 std::string cast_failure(F&& cast) {
-  try {
-    cast();
-  } catch (ErrorException const& e) {
-    return e.error()->code().value().as_string() + " " + e.error()->expanded_message().as_string();
-  }
-  return "no failure";
+  ErrorInfo::Ptr const error = tqcore_test::raised_by(cast);
+  return error ? error->code().value().as_string() + " " + error->expanded_message().as_string()
+               : "no failure";
 }
 
 TEST(SafeCast, RefusesEveryLossWithItsOwnCode) {
@@ -113,6 +112,12 @@ struct RangeCase {
   size_t b;
   StringRange expected;
 };
+
+// Rows show by their operation and operands in test names and failure messages.
+void PrintTo(RangeCase const& row, std::ostream* out) {
+  *out << row.op << '(' << row.range.first() << ',' << row.range.length() << ")," << row.a << ','
+       << row.b;
+}
 
 class StringRangeArithmetic : public ::testing::TestWithParam<RangeCase> {};
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "test_support.h"
+
 namespace tqcore {
 namespace {
 
@@ -17,14 +19,7 @@ using Bytes = std::vector<uint8_t>;
 
 Bytes bytes_of(std::string const& text) { return Bytes(text.begin(), text.end()); }
 
-std::string raised_code(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (ErrorException const& e) {
-    return e.error()->code().value().as_string();
-  }
-  return "nothing raised";
-}
+std::string raised_code(std::function<void()> const& f) { return tqcore_test::code_raised_by(f); }
 
 // ---- RFC 4648 test vectors -------------------------------------------------------------------
 
@@ -34,6 +29,9 @@ struct Vector {
   char const* base32;
   char const* hex;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(Vector const& row, std::ostream* out) { *out << ::testing::PrintToString(row.data); }
 
 class Rfc4648 : public ::testing::TestWithParam<Vector> {};
 
@@ -107,6 +105,11 @@ struct Malformed {
   std::string text;
   char const* code;
 };
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(Malformed const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.text);
+}
 
 class Base64Malformed : public ::testing::TestWithParam<Malformed> {};
 

@@ -1,10 +1,12 @@
-// Helpers shared by the tests of the asynchronous results.
+// Helpers shared by the tests: records to raise, the record a call raises, objects whose end
+// the test chooses.
 #pragma once
 
 #include <tqcore/error_exception.h>
 #include <tqcore/error_info.h>
 
 #include <new>
+#include <string>
 #include <utility>
 
 namespace tqcore_test {
@@ -23,6 +25,13 @@ tqcore::ErrorInfo::Ptr raised_by(F call) {
     return e.error();
   }
   return nullptr;
+}
+
+// The code of the record a call raises, or "nothing raised".
+template <class F>
+std::string code_raised_by(F call) {
+  tqcore::ErrorInfo::Ptr const error = raised_by(call);
+  return error ? error->code().value().as_string() : "nothing raised";
 }
 
 // An object whose end the test chooses, so that the exception of a raising destructor can be
