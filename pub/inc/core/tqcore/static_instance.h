@@ -1,5 +1,10 @@
 // Process-wide objects built on first use and destroyed, newest first, by the object
 // manager's exit processing rather than by the C++ runtime.
+//
+// After fork(): the library holds every lock of its own across the call, so a child may call
+// any of its functions, even when another thread of the parent was inside the library (a
+// static instance being built, a key being interned, an identifier being drawn). Locks of the
+// caller's own objects (a Future, a ThreadMutex) are the caller's to mind.
 #pragma once
 
 #include <tqcore/tqcore_export.h>
