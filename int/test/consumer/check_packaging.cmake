@@ -14,6 +14,13 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The installed tool starts from a prefix the loader has never heard of, and works.
+if(EXISTS ${prefix}/bin/tqcore)
+  run(${prefix}/bin/tqcore --version)
+  run(${prefix}/bin/tqcore uuid --sequential)
+  message(STATUS "installed tool ran from ${prefix}")
+endif()
+
 foreach(mode cmake pkgconfig)
   set(build ${WORK_DIR}/consumer-${mode})
   if(mode STREQUAL "pkgconfig")
