@@ -51,8 +51,70 @@ void print_usage(std::ostream& out) {
          "                     --seed the process seed is random, so values differ per run\n"
          "\n"
          "Options:\n"
-         "  --help     show this text\n"
-         "  --version  print the library version\n";
+         "  --help     show this text (COMMAND --help: that command's, with an example)\n"
+         "  --version  print the library version\n"
+         "\n"
+         "Exit status: 0 on success, 1 on bad input (the error record goes to standard\n"
+         "error), 2 on bad usage.\n";
+}
+
+// One entry a command: its usage, what it does, and an example to copy.
+struct CommandHelp {
+  char const* command;
+  char const* text;
+};
+
+constexpr CommandHelp kCommandHelp[] = {
+    {"errno",
+     "Usage: tqcore errno N\n\nPrints the error record of errno value N.\n\n"
+     "Example:\n  tqcore errno 13\n"},
+    {"utf8",
+     "Usage: tqcore utf8 check [FILE]\n\nValidates FILE (or standard input) as UTF-8 and prints\n"
+     "the status and the byte offset of the first fault; exits 1 if there is one.\n\n"
+     "Example:\n  printf 'caf\\303\\251' | tqcore utf8 check\n"},
+    {"base64",
+     "Usage: tqcore base64 [-d] [-u] [-w COLS] [FILE]\n\nEncodes FILE (or standard input) in "
+     "base-64, lines wrapped at COLS\n(76; 0 for none); -d decodes, -u uses the URL-safe "
+     "alphabet.\n\nExample:\n  printf foobar | tqcore base64\n"},
+    {"base32",
+     "Usage: tqcore base32 [-d] [-w COLS] [FILE]\n\nEncodes FILE (or standard input) in "
+     "base-32; -d decodes.\n\nExample:\n  printf foobar | tqcore base32\n"},
+    {"hex",
+     "Usage: tqcore hex [-d] [-w COLS] [FILE]\n\nEncodes FILE (or standard input) as "
+     "hexadecimal; -d decodes.\n\nExample:\n  printf foobar | tqcore hex\n"},
+    {"time",
+     "Usage: tqcore time [now|TEXT|NANOSECONDS]\n\nShows a UTC time (now by default): both "
+     "text forms, the nanoseconds since\n1970 and the Julian date.\n\n"
+     "Example:\n  tqcore time 2024-02-29T12:00:00Z\n"},
+    {"duration",
+     "Usage: tqcore duration TEXT|NANOSECONDS\n\nShows a duration in both text forms and in "
+     "nanoseconds.\n\nExample:\n  tqcore duration PT1H30M\n"},
+    {"datetime",
+     "Usage: tqcore datetime TEXT\n\nShows a date-time with an offset: base, offset, local time "
+     "and text.\n\nExample:\n  tqcore datetime 2000-01-01T12:00:00+01:00\n"},
+    {"uuid",
+     "Usage: tqcore uuid [--random|--sequential|--legacy N] [--format hyphenated|compact|braced]\n"
+     "                   [-n COUNT]\n       tqcore uuid inspect TEXT\n\nMakes COUNT (1) "
+     "identifiers, random by default, or tells what one holds.\n\n"
+     "Example:\n  tqcore uuid --sequential -n 3\n"},
+    {"hash",
+     "Usage: tqcore hash [--seed S] [FILE...]\n\nPrints the 64-bit Murmur hash of each FILE (or "
+     "standard input); without --seed\nthe process seed is random.\n\n"
+     "Example:\n  tqcore hash --seed 1 README.md\n"},
+};
+
+// `tqcore COMMAND --help` (or -h) anywhere after the command: the command's own help.
+bool print_command_help(std::string const& command, std::vector<std::string> const& args) {
+  if (std::none_of(args.begin(), args.end(),
+                   [](std::string const& arg) { return arg == "--help" || arg == "-h"; })) {
+    return false;
+  }
+  for (CommandHelp const& entry : kCommandHelp) {
+    if (command != entry.command) continue;
+    std::cout << entry.text;
+    return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -305,6 +367,7 @@ int main(int argc, char** argv) {
     std::cout << "tqcore " << TQCORE_VERSION_STRING << '\n';
     return 0;
   }
+  if (print_command_help(command, args)) return 0;
   try {
     if (command == "errno") return show_errno(args);
     if (command == "utf8") return check_utf8(args);
