@@ -41,30 +41,6 @@ TEST(TimeValues, InfiniteIsAbsorbingInSumsAndDecaysInProducts) {
   EXPECT_EQ((RelativeTime::seconds(5000000) * 4000.0).as_nsec(), kMin);
 }
 
-TEST(TimeValues, TimevalTimespecAndAceForms) {
-  timeval const infinite = AbsoluteTime::infinite.as_timeval();
-  EXPECT_EQ(infinite.tv_sec, 0x7FFFFFFF);
-  EXPECT_EQ(infinite.tv_usec, 0x7FFFFFFF);
-  EXPECT_FALSE(AbsoluteTime(infinite).is_infinite());
-  timeval const negative = RelativeTime(-1.5).as_timeval();
-  EXPECT_EQ(negative.tv_sec, -1);
-  EXPECT_EQ(negative.tv_usec, -500000);
-  timespec const bits = RelativeTime::infinite.as_timespec();
-  EXPECT_EQ(bits.tv_sec, 633437444);
-  EXPECT_EQ(bits.tv_nsec, 854775807);
-  ACE_Time_Value const ace = RelativeTime::infinite.as_ace_time_value();
-  EXPECT_EQ(ace.sec(), 633437444);
-  EXPECT_EQ(ace.usec(), 854775);
-  EXPECT_EQ(static_cast<ACE_Time_Value const*>(RelativeTime::infinite.as_ace_timeout()), nullptr);
-  impl::AceTimeoutProxy const proxy = RelativeTime::seconds(2).as_ace_timeout();
-  ACE_Time_Value const* two = proxy;
-  ASSERT_NE(two, nullptr);
-  EXPECT_EQ(two->sec(), 2);
-  EXPECT_TRUE(RelativeTime(static_cast<ACE_Time_Value const*>(nullptr)).is_infinite());
-  timespec ts{3, 250};
-  EXPECT_EQ(RelativeTime(ts).as_nsec(), 3000000250LL);
-}
-
 // clock_gettime and gettimeofday give 64-bit seconds: times after 2038 read right.
 TEST(TimeValues, ReadersKeepSecondsBeyond2038) {
   EXPECT_EQ(AbsoluteTime(timespec{3000000000, 5}).as_string(), "2065-01-24 05:20:00.000000005");
@@ -107,49 +83,6 @@ namespace tqcore {
 namespace {
 
 using Components = AbsoluteTime::Components;
-
-std::string message_of(ErrorInfo::Ptr const& error) {
-  return error ? error->message().as_string() : "no error";
-}
-
-TEST(Calendar, RangeBoundsOfFromComponents) {
-  AbsoluteTime out;
-  EXPECT_EQ(message_of(AbsoluteTime::from_components_nothrow(
-                           Components(1677, 9, 21, 0, 12, 43, 145224191), &out))
-                .substr(0, 70),
-            "The specified Gregorian date/time represent a date before '1677-09-21 ");
-  EXPECT_FALSE(
-      AbsoluteTime::from_components_nothrow(Components(1677, 9, 21, 0, 12, 43, 145224192), &out));
-  EXPECT_EQ(out, AbsoluteTime::min_time);
-  EXPECT_FALSE(
-      AbsoluteTime::from_components_nothrow(Components(2262, 4, 11, 23, 47, 16, 854775806), &out));
-  EXPECT_EQ(out, AbsoluteTime::max_time);
-  ErrorInfo::Ptr after =
-      AbsoluteTime::from_components_nothrow(Components(2262, 4, 11, 23, 47, 16, 854775807), &out);
-  ASSERT_TRUE(after);
-  EXPECT_TRUE(after->matches("error.tqcore.absoluteTime.range"));
-  EXPECT_EQ(out, AbsoluteTime::max_time);  // untouched on failure
-  EXPECT_TRUE(AbsoluteTime::from_components_nothrow(Components(9999, 12, 31, 23, 59, 59, 999999998),
-                                                    nullptr));
-}
-
-TEST(Calendar, JulianDayFailuresAndRounding) {
-  EXPECT_THROW(AbsoluteTime::from_julian_day(-1, nullptr), ErrorException);
-  ErrorInfo::Ptr error;
-  EXPECT_TRUE(AbsoluteTime::from_julian_day(-1, &error).is_infinite());
-  EXPECT_TRUE(error && error->matches("error.tqcore.cast.negativeToUnsigned"));
-  try {
-    Components(1.0e10, false);
-    FAIL();
-  } catch (ErrorException const& e) {
-    EXPECT_TRUE(e.matches("error.tqcore.cast.valueTooBig"));
-    EXPECT_EQ(e.error()->params().get_value("jd"), "1e+10");
-  }
-  EXPECT_THROW(Components(1000), ErrorException);  // a date before year 0: sign reversal
-  AbsoluteTime const t = AbsoluteTime::from_full_julian_date(2440588.0 + 0.5 - 1e-9, nullptr, true);
-  EXPECT_EQ(t.as_components(), Components(1970, 1, 2, 0, 0, 0, 0));  // rounds up into the next day
-  EXPECT_NEAR(AbsoluteTime(0LL).full_julian_date(), 2440587.5, 1e-9);
-}
 
 // Components against the C library's own calendar over the whole range, and back again.
 TEST(Calendar, AgreesWithGmtimeAcrossTheRange) {
@@ -211,33 +144,24 @@ INSTANTIATE_TEST_SUITE_P(
     Table, UtcParser,
     ::testing::Values(
         UtcCase{"inf", "##INFINITE##"},
-        UtcCase{"##infinite##", "##INFINITE##"},
         UtcCase{"9999-12-31T23:59:59.999999999Z", "##INFINITE##"},
         UtcCase{"2000-01-01 00:00:00", "2000-01-01 00:00:00.0"},
-        UtcCase{"20000101T000000", "2000-01-01 00:00:00.0"},
         UtcCase{"20000101T00", "Invalid UTC time string: \"20000101T00\""},
         UtcCase{"2000-01-01T12.5", "2000-01-01 12:30:00.0"},
-        UtcCase{"2000-01-01T12:30.5", "2000-01-01 12:30:30.0"},
-        UtcCase{"2000-01-01T12:30:15.", "2000-01-01 12:30:15.0"},
-        UtcCase{"2000-01-01T12:", "2000-01-01 12:00:00.0"},
         UtcCase{"2000-01-01T1230,5", "2000-01-01 12:30:30.0"},
         UtcCase{"2000-01-01T12:30,5", "Invalid time in UTC time string \"2000-01-01T12:30,5\""},
-        UtcCase{"2000-01-01T23:59:60", "2000-01-02 00:00:00.0"},
         UtcCase{"2000-01-01T24:00:00", "2000-01-02 00:00:00.0"},
         UtcCase{"2000-01-01T24:00:00.000000001", "Invalid time in UTC time string.  Time must be 00:00:00...24:00:00 (inclusive). \"2000-01-01T24:00:00.000000001\""},
         UtcCase{"2000-01-01T12:30:15.1234567895", "2000-01-01 12:30:15.12345679"},
         UtcCase{"2000-01-01T12:30:15.1234567895x", "Invalid time in UTC time string \"2000-01-01T12:30:15.1234567895x\""},
         UtcCase{"2000-01-01T12:30:15+01:00", "Invalid time in UTC time string (time must be UTC, no timezone offset) \"2000-01-01T12:30:15+01:00\""},
         UtcCase{"2000-01-01T12:30:15Zx", "Invalid time in UTC time string (unexpected characters after 'Z') \"2000-01-01T12:30:15Zx\""},
-        UtcCase{"2000-13-01T00:00:00", "Invalid date in UTC time string: \"2000-13-01T00:00:00\""},
         UtcCase{"2000-01-01X00:00:00", "Invalid date/time separator in UTC time string.  Expecting ' ' or 'T': \"2000-01-01X00:00:00\""},
         UtcCase{"1600-01-01T00:00:00Z", "Components of UTC date/time string exceeds date range: \"1600-01-01T00:00:00Z\""},
-        UtcCase{"2001-02-31T00:00:00Z", "2001-03-03 00:00:00.0"},
         // The usual shape at the edges of the range and of its fraction.
         UtcCase{"1677-09-21T00:12:43.145224192Z", "1677-09-21 00:12:43.145224192"},
         UtcCase{"2262-04-11T23:47:16.854775806z", "2262-04-11 23:47:16.854775806"},
-        UtcCase{"2262-04-11T23:47:16.854775807Z", "Components of UTC date/time string exceeds date range: \"2262-04-11T23:47:16.854775807Z\""},
-        UtcCase{"2000-02-29 12:30:15.0000000004", "2000-02-29 12:30:15.0"}));
+        UtcCase{"2262-04-11T23:47:16.854775807Z", "Components of UTC date/time string exceeds date range: \"2262-04-11T23:47:16.854775807Z\""}));
 // clang-format on
 
 TEST(UtcText, WritersAndRoundTrips) {
@@ -304,30 +228,18 @@ INSTANTIATE_TEST_SUITE_P(
     Table, DurationParser,
     ::testing::Values(
         DurationCase{"INF", kInf, nullptr},
-        DurationCase{"##infinite##", kInf, nullptr},
         DurationCase{"infinite", 0, "Invalid value in time string \"infinite\", length=8"},
         DurationCase{"", 0, nullptr},
-        DurationCase{"-", 0, nullptr},
-        DurationCase{"   ", 0, nullptr},
-        DurationCase{"123", 0, nullptr},
         DurationCase{"1.5", 0, nullptr},
         DurationCase{"1.5s", 1500000000LL, nullptr},
         DurationCase{"1 s", 0, "Syntax error processing time string \"1 s\", length=3"},
         DurationCase{"1.2.3s", 0, "Syntax error processing time string"},
-        DurationCase{"1m", 60 * kS, nullptr},
-        DurationCase{"1ms", 1000000, nullptr},
-        DurationCase{"1m30s", 90 * kS, nullptr},
         DurationCase{"1h 30m", 5400 * kS, nullptr},
-        DurationCase{"1mx", 0, "Syntax error processing time string"},
         DurationCase{"5u", 0, "Unexpected end of string in time string \"5u\", length=2"},
-        DurationCase{"5ux", 0, "Invalid field type in time string \"5ux\", length=3"},
-        DurationCase{"-1h", -3600 * kS, nullptr},
         DurationCase{"106752d", 0, "Value overflow processing time string"},
         DurationCase{"106751d", 106751LL * 86400 * kS, nullptr},
         DurationCase{"2562047h 2562047h", kInf, nullptr},
-        DurationCase{"-2562047h 2562047h", kInf, nullptr},
         DurationCase{"1d 2h 3m 4.5s 6ms 7us 8ns", 93784506007008LL, nullptr},
-        DurationCase{"PT0.5S", 500000000, nullptr},
         DurationCase{"P0Y0M1D", 86400 * kS, nullptr},
         // Fractions whose rounding term once wrapped past 64 bits.
         DurationCase{"P0.0000000000003045W", 184, nullptr},
@@ -335,19 +247,13 @@ INSTANTIATE_TEST_SUITE_P(
         DurationCase{"PT0.000000018446744071S", 18, nullptr},
         DurationCase{"P1Y", 0, "Units Y(year) and M(onth) are not supported because they are ambiguous without a reference date (position 2)"},
         DurationCase{"PT1W", 0, "Unit W(eeks) not supported after the 'T' separator (position 3)"},
-        DurationCase{"PT1D", 0, "Unit D(ays) not supported after the 'T' separator (position 3)"},
-        DurationCase{"P1H", 0, "Unit H(ours) not supported before the 'T' separator (position 2)"},
         DurationCase{"P0MT1M", 60 * kS, nullptr},
         DurationCase{"P9223372036854775808S", 0, "Value of time segment exceeds 2^63-1 at position 19"},
         DurationCase{"PT5", 0, "Expecting unit after time value digits (position 3)"},
         DurationCase{"P5X", 0, "Unexpected time unit at position 2"},
         DurationCase{"PT1ST", 0, "Only one 'T' separator allowed (position 4)"},
-        DurationCase{"PT1T", 0, "Unexpected time unit at position 3"},
         DurationCase{"P", 0, "Expecting time value after 'P' at position 1"},
-        DurationCase{"-P", 0, "Expecting time value after 'P' at position 2"},
         DurationCase{"P1S1W", 604801 * kS, nullptr},
-        DurationCase{"PT", 0, nullptr},
-        DurationCase{"P1DT", 86400 * kS, nullptr},
         DurationCase{"PT1.0000000005S", 1000000001LL, nullptr},
         DurationCase{"P999999DT23H59M59.999999999S", kInf, nullptr}));
 // clang-format on

@@ -1,9 +1,12 @@
 #include <tqcore/error_exception.h>
 #include <tqcore/error_info.h>
+#include <tqcore/error_params.h>
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,32 +39,12 @@ std::string report(ErrorInfo::Ptr const& error, unsigned int depth = 0) {
   return out.str();
 }
 
-// ---- Creation --------------------------------------------------------------------------------
-
-TEST(ErrorInfoCreate, LiteralFormsReferTheirTexts) {
-  static char const message[] = "literal message";
-  SourceLocation location = here(12);
-  ErrorInfo::Ptr error = ErrorInfo::create(error::tqcore_uuid_parse, message, location);
-  EXPECT_EQ(error->message().data(), message);
-  EXPECT_TRUE(error->message().is_reference());
-  EXPECT_EQ(error->code().value().data(), error::tqcore_uuid_parse.value().data());
-  EXPECT_EQ(error->location(), location);
-  EXPECT_TRUE(error->nested().is_null());
-  EXPECT_TRUE(error->params().empty());
-  EXPECT_FALSE(error->hostname().empty());
-  EXPECT_TRUE(error->has_unique_ref());
-}
-
-// ---- Matching along the chain ----------------------------------------------------------------
-
 class ErrorChain : public ::testing::Test {
  protected:
   ErrorInfo::Ptr root = make("error.io.disk.full");
   ErrorInfo::Ptr middle = make("error.io.write", "message", root);
   ErrorInfo::Ptr top = make("error.config.save", "message", middle);
 };
-
-// ---- native_code -----------------------------------------------------------------------------
 
 struct NativeCodeCase {
   Entries params;
@@ -96,28 +79,6 @@ INSTANTIATE_TEST_SUITE_P(
         NativeCodeCase{{}, 0}));
 // clang-format on
 
-TEST(NativeCode, EmbeddedNulRaises) {
-  ErrorParams params;
-  params.add("errno", 5,
-             "1\0"
-             "2",
-             3);
-  ErrorInfo::Ptr error = ErrorInfo::create(ErrorCode("error.x"), "m", params, here(1));
-  try {
-    error->native_code();
-    FAIL();
-  } catch (ErrorException const& e) {
-    EXPECT_TRUE(e.matches(error::tqcore_string_embeddedNul));
-    EXPECT_EQ(e.error()->message(),
-              "String contains embedded NUL character and cannot be converted to a 'C'-string");
-    EXPECT_EQ(e.error()->location().function(), "tqcore::raise_embedded_nul_error()");
-  }
-}
-
-// ---- Comparison and hash ---------------------------------------------------------------------
-
-// ---- The report ------------------------------------------------------------------------------
-
 class ErrorReport : public ::testing::Test {
  protected:
   std::string host = impl_host();
@@ -131,13 +92,6 @@ class ErrorReport : public ::testing::Test {
            ")";
   }
 };
-
-TEST_F(ErrorReport, SingleRecordWithOneParameterOnTheLabelLine) {
-  ErrorInfo::Ptr error = ErrorInfo::create(ErrorCode("error.x"), "Bad {@what}.",
-                                           params_of({{"what", "input"}}), here(5));
-  EXPECT_EQ(report(error), head("", "error.x") + "\nDescription: Bad input." + tail("", 5) +
-                               "\nParameters:  'what' => \"input\"");
-}
 
 TEST_F(ErrorReport, NestedRecordsIndentByTwoPerLevel) {
   ErrorInfo::Ptr error = make("error.outer", "outer", make("error.inner", "inner"));
@@ -168,16 +122,6 @@ TEST_F(ErrorReport, ParametersOnTheirOwnLines) {
   EXPECT_EQ(report(error), expected);
 }
 
-TEST_F(ErrorReport, LongMultiLineValueShowsItsFirst512Bytes) {
-  std::string value = "top\n" + std::string(600, 'y');
-  ErrorInfo::Ptr error =
-      ErrorInfo::create(ErrorCode("error.x"), "m", params_of({{"v", value.c_str()}}), here(1));
-  std::string const shown_tail(508, 'y');
-  EXPECT_EQ(report(error), head("", "error.x") + "\nDescription: m" + tail("", 1) +
-                               "\nParameters:  \n    'v' => \n        \"top\"\n        \"" +
-                               shown_tail + "[...](92 omitted)");
-}
-
 TEST_F(ErrorReport, MessageValuesAreCutAt16384Bytes) {
   std::string const value(20000, 'q');
   ErrorInfo::Ptr error =
@@ -187,4 +131,110 @@ TEST_F(ErrorReport, MessageValuesAreCutAt16384Bytes) {
 }
 
 }  // namespace
+}  // namespace tqcore
+
+namespace tqcore {
+namespace {
+
+ErrorParams params_of(std::initializer_list<std::pair<char const*, char const*>> entries) {
+  ErrorParams params;
+  for (auto const& entry : entries) {
+    params.add(entry.first, SourceString::npos, entry.second, SourceString::npos);
+  }
+  return params;
+}
+
+TEST(ErrorParams, AbsentNamesAreEmptyAndNotFound) {
+  ErrorParams params = params_of({{"name", "value"}});
+  EXPECT_EQ(params.get_value("other"), "");
+  std::string out = "untouched";
+  EXPECT_FALSE(params.query_value("other", 5, &out));
+  EXPECT_EQ(out, "untouched");
+  EXPECT_TRUE(params.query_value("name", 4, &out));
+  EXPECT_EQ(out, "value");
+  EXPECT_TRUE(params.query_value("name", 4, nullptr));
+  EXPECT_EQ(params.count("name"), 1u);
+  EXPECT_EQ(params.count("nam"), 0u);
+  EXPECT_EQ(params.find("namex", 4), params.begin());  // an explicit length cuts the name
+}
+
+TEST(ErrorParams, OrderingWalksKeysThenValues) {
+  EXPECT_EQ(params_of({}).compare(params_of({})), 0);
+  EXPECT_LT(params_of({{"a", "1"}}).compare(params_of({{"b", "0"}})), 0);
+  EXPECT_LT(params_of({{"a", "1"}}).compare(params_of({{"a", "2"}})), 0);
+  EXPECT_LT(params_of({{"a", "1"}}).compare(params_of({{"a", "1"}, {"b", "1"}})), 0);
+  EXPECT_GT(params_of({{"b", "1"}}).compare(params_of({{"a", "1"}, {"c", "1"}})), 0);
+  EXPECT_TRUE(params_of({{"a", "1"}}) < params_of({{"a", "2"}}));
+  EXPECT_TRUE(params_of({{"a", "1"}}) != params_of({{"a", "1"}, {"b", "1"}}));
+}
+
+struct ExpansionCase {
+  char const* message;
+  size_t limit;
+  char const* expected;
+};
+
+// Rows show by their first field in test names and failure messages.
+void PrintTo(ExpansionCase const& row, std::ostream* out) {
+  *out << ::testing::PrintToString(row.message);
+}
+
+class Expansion : public ::testing::TestWithParam<ExpansionCase> {
+ protected:
+  ErrorParams params = params_of({{"name", "value"},
+                                  {"", "empty-key"},
+                                  {"ten", "0123456789"},
+                                  {"utf8", "ab\xC3\xA9z"},
+                                  {"brace", "{@name}"}});
+};
+
+TEST_P(Expansion, ReplacesKnownPlaceholders) {
+  ExpansionCase const& c = GetParam();
+  SourceString message(c.message, true);
+  EXPECT_EQ(params.expanded_message_with_limit(message, c.limit).as_string(), c.expected);
+  EXPECT_EQ(
+      params.expanded_message_with_limit(c.message, std::strlen(c.message), c.limit).as_string(),
+      c.expected);
+}
+
+constexpr size_t kNone = SourceString::npos;
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Table, Expansion,
+    ::testing::Values(
+        ExpansionCase{"plain text", kNone, "plain text"},
+        ExpansionCase{"a {@name} b", kNone, "a value b"},
+        ExpansionCase{"a {@unknown} b", kNone, "a {@unknown} b"},
+        ExpansionCase{"open {@name", kNone, "open {@name"},
+        ExpansionCase{"{@}", kNone, "empty-key"},
+        ExpansionCase{"{@{@name}", kNone, "{@{@name}"},
+        // the name is "{@name"
+        ExpansionCase{"{@brace}", kNone, "{@name}"},
+        // values are not scanned again
+        ExpansionCase{"{@name} then {@ open", kNone, "value then {@ open"},
+        ExpansionCase{"{@ten}", 4, "0123..."},
+        // exactly the limit: not cut
+        ExpansionCase{"{@ten}", 0, "..."},
+        ExpansionCase{"{@utf8}", 3, "ab..."},
+        // byte 3 continues the character at 2
+        ExpansionCase{"{@utf8}", 4, "ab\xC3\xA9..."}));
+// clang-format on
+
+TEST(ExpansionWithoutPlaceholder, SourceStringFormReturnsTheArgumentItself) {
+  static char const literal[] = "nothing to expand";
+  ErrorParams params;
+  SourceString reference(literal, true);
+  EXPECT_EQ(params.expanded_message(reference).data(), literal);
+  SourceString dynamic("dynamic");
+  EXPECT_EQ(params.expanded_message(dynamic).data(), dynamic.data());
+  SourceString single("{", true);
+  EXPECT_EQ(params.expanded_message(single).data(), single.data());
+}
+
+}  // namespace
+}  // namespace tqcore
+
+namespace tqcore {
+namespace {}  // namespace
 }  // namespace tqcore

@@ -112,22 +112,5 @@ struct TextObserver : RefCounted<AtomicRefCount>, IFutureObserver<std::string> {
   std::string seen;
 };
 
-TEST(TypedFuture, CarriesTheValueToObserversAndReaders) {
-  Future<std::string> future;
-  Future<std::string> const shared = future;
-  EXPECT_EQ(shared, future);
-  RefCountPtr<TextObserver> observer(new TextObserver);
-  future.add_observer(observer.get(), observer);
-  EXPECT_TRUE(future.set(std::string("done")));
-  EXPECT_FALSE(future.set(std::string("again")));
-  EXPECT_FALSE(future.set(failure("error.test.late")));
-  EXPECT_EQ(observer->seen, "done");
-  EXPECT_EQ(shared.get(), "done");
-  EXPECT_TRUE(shared.has_value());
-  Future<int> failed;
-  failed.set(failure("error.test.typed"));
-  EXPECT_THROW(failed.get(), ErrorException);
-}
-
 }  // namespace
 }  // namespace tqcore

@@ -23,29 +23,12 @@ using tqcore_test::run_program;
 
 std::string const kMarker = "***TQTQ*MODULE*INFO*F70397B5E6FEBE4447157E5A1C9D5E64***\n";
 
-// ---- The registry ----------------------------------------------------------------------------
-
-TEST(ModuleRegistry, OneRecordPerName) {
-  using namespace tqmoduleregistry;
-  EXPECT_TRUE(add_module_info("test.module", "<a/>"));
-  EXPECT_FALSE(add_module_info("test.module", "<b/>"));
-  ModuleInfo info;
-  ASSERT_TRUE(query_module_info("test.module", &info));
-  EXPECT_STREQ(info.xml(), "<a/>");
-  remove_module_info("test.module");
-  EXPECT_FALSE(query_module_info("test.module", &info));
-  EXPECT_TRUE(add_module_info("test.module", "<c/>"));
-  remove_module_info("test.module");
-}
-
 TEST(ModuleRegistry, TqcoreRegisteredItselfAtLoad) {
   ASSERT_EQ(tqcore::error::tqcore, "error.tqcore");  // this process uses tqcore, so loads it
   tqmoduleregistry::ModuleInfo info;
   ASSERT_TRUE(tqmoduleregistry::query_module_info("tqcore", &info));
   EXPECT_EQ(std::string(info.xml()).rfind("<ModuleInfo name=\"tqcore\"", 0), 0u);
 }
-
-// ---- The record in the library file ----------------------------------------------------------
 
 std::string library_bytes() {
   std::ifstream file(TQCORE_LIBRARY_FILE, std::ios::binary);
@@ -78,8 +61,6 @@ TEST(ModuleInfoRecord, StandsInTheLibraryWithItsItemsInOrder) {
   EXPECT_NE(record.find("<Item name=\"FileVersion\">" TQCORE_VERSION_STRING "</Item>"),
             std::string::npos);
 }
-
-// ---- A second copy in one process ------------------------------------------------------------
 
 class SecondCopy : public ::testing::Test {
  protected:

@@ -11,25 +11,9 @@
 namespace tqcore {
 namespace {
 
-// ---- The 128-bit exchange -------------------------------------------------------------------
-
 struct alignas(16) Pair {
   unsigned long long words[2];
 };
-
-TEST(AtomicCompareExchange128, FailureLeavesTargetAndReportsIt) {
-  Pair target{{1, 2}};
-  unsigned long long const exchange[2] = {7, 8};
-  unsigned long long const comparand[2] = {1, 3};
-  unsigned long long result[2] = {0, 0};
-  EXPECT_FALSE(atomic_compare_exchange_128(target.words, exchange, comparand, result));
-  EXPECT_EQ(target.words[0], 1u);
-  EXPECT_EQ(target.words[1], 2u);
-  EXPECT_EQ(result[0], 1u);
-  EXPECT_EQ(result[1], 2u);
-}
-
-// ---- Counters --------------------------------------------------------------------------------
 
 TEST(AtomicStrongWeakRefCount, StrongCountNeverRisesFromZero) {
   AtomicStrongWeakRefCount count;
@@ -42,8 +26,6 @@ TEST(AtomicStrongWeakRefCount, StrongCountNeverRisesFromZero) {
   EXPECT_FALSE(count.decrement_weak());
   EXPECT_TRUE(count.decrement_weak());
 }
-
-// ---- RefCounted and RefCountPtr --------------------------------------------------------------
 
 // Records its destruction, and may hold another object alive.
 class Tracked : public RefCounted<AtomicRefCount> {
@@ -80,15 +62,6 @@ TEST_F(RefCountPtrTest, LastReleaseDestroysOnce) {
   EXPECT_EQ(destroyed, 1);
 }
 
-TEST_F(RefCountPtrTest, SelfAssignmentOfRawPointerKeepsTheObject) {
-  RefCountPtr<Tracked> p(make());
-  p = p.get();
-  EXPECT_EQ(destroyed, 0);
-  EXPECT_TRUE(p->has_unique_ref());
-  p = *&p;
-  EXPECT_TRUE(p->has_unique_ref());
-}
-
 TEST_F(RefCountPtrTest, AssignmentKeepsObjectOnlyTheOldOneHeldAlive) {
   RefCountPtr<Tracked> p(make());
   p->other = make();
@@ -98,18 +71,6 @@ TEST_F(RefCountPtrTest, AssignmentKeepsObjectOnlyTheOldOneHeldAlive) {
   p.reset();
   EXPECT_EQ(destroyed, 2);
 }
-
-TEST_F(RefCountPtrTest, AttachReleasesTheOldObjectLast) {
-  RefCountPtr<Tracked> p(make());
-  Tracked* next = make();
-  RefCountPtr<Tracked>(next).detach();  // a reference for attach to adopt
-  p.attach(next);
-  EXPECT_EQ(destroyed, 1);
-  EXPECT_EQ(p.get(), next);
-  EXPECT_TRUE(next->has_unique_ref());
-}
-
-// ---- InterfacePtr ----------------------------------------------------------------------------
 
 struct Speaker {
   virtual int speak() const = 0;
@@ -147,8 +108,6 @@ TEST(InterfacePtr, OwnerKeepsTheInterfaceAlive) {
   moved.clear();
   EXPECT_EQ(destroyed, 1);
 }
-
-// ---- Failures of pointer use -----------------------------------------------------------------
 
 struct ReaderGuard : RefCountPtrGuardBase {
   static void overflow() { throw_too_many_readers_error(); }

@@ -88,13 +88,6 @@ TEST(AutoSignal, SuccessReachesEveryHandlerAndEmptiesTheGuard) {
   for (Future<std::string> const& future : ops.futures) EXPECT_EQ(future.get(), "done");
 }
 
-TEST(AutoSignal, AMoveOnlyValueReachesOneHandler) {
-  using Box = std::unique_ptr<int>;
-  Operations<Box> one(1);
-  AutoSignalAsyncResult<Box>(one.handlers[0]).signal_success(Box(new int(5)));
-  EXPECT_EQ(*one.futures[0].get(), 5);
-}
-
 TEST(AutoSignal, AMoveOnlyValueForTwoHandlersRaisesAndTheGuardStillFailsBoth) {
   using Box = std::unique_ptr<int>;
   Operations<Box> two(2);

@@ -23,8 +23,6 @@ std::string code_of(ErrorInfo::Ptr const& error) {
   return error ? error->code().value().as_string() : "(none)";
 }
 
-// ---- The four controls for void ----------------------------------------------------------------
-
 enum class Direct { Empty, Value, OnFuture };
 
 struct ControlRow {
@@ -118,32 +116,6 @@ TEST(ResultControl, FutureRefKeepsTheFirstOutcomeSilently) {
   EXPECT_EQ(ResultControlFutureRef<int>(control).future(), future);
 }
 
-// ---- Typed controls --------------------------------------------------------------------------
-
-struct TypedIgnoredRow {
-  char const* name;
-  std::function<bool()> is_ignored;
-  bool expected;
-};
-
-TEST(TypedControl, WhoWantsTheValue) {
-  Future<int> future;
-  std::vector<TypedIgnoredRow> const rows = {
-      {"Ignored", [] { return ResultControlIgnored<int>().is_ignored(); }, true},
-      {"IgnoredIfAsync", [] { return ResultControlIgnoredIfAsync<int>().is_ignored(); }, false},
-      {"FutureRef", [&] { return ResultControlFutureRef<int>(future).is_ignored(); }, false},
-      {"Adapter over a future handler",
-       [&] {
-         return AsyncHandlerAdapterControl<int>(ResultControlFutureRef<int>(future)).is_ignored();
-       },
-       false},
-      {"Adapter over an ignored handler",
-       [] { return AsyncHandlerAdapterControl<int>(ResultControlIgnored<int>()).is_ignored(); },
-       true},
-  };
-  for (TypedIgnoredRow const& row : rows) EXPECT_EQ(row.is_ignored(), row.expected) << row.name;
-}
-
 TEST(TypedControl, MoveOnlyValuesPassThroughEveryDelivery) {
   using Box = std::unique_ptr<int>;
   Result<Box> const direct = ResultControlIgnoredIfAsync<Box>().signal_result(Box(new int(1)));
@@ -158,95 +130,6 @@ TEST(TypedControl, MoveOnlyValuesPassThroughEveryDelivery) {
   EXPECT_EQ(*later.get(), 2);
   EXPECT_EQ(*future.get(), 2);
 }
-
-TEST(TypedControl, AdapterSharesOneHandler) {
-  Future<std::string> future;
-  AsyncHandlerAdapterControl<std::string> const adapter{
-      ResultControlFutureRef<std::string>(future)};
-  AsyncHandlerAdapterControl<std::string> const copy = adapter;
-  RefCountPtr<AsyncResult<std::string>> const& held = adapter;
-  EXPECT_EQ(copy.create_async_handler(), held);
-  EXPECT_EQ(held->as_control().create_async_handler(), held);
-  copy.signal_error(failure("error.test.inner"));
-  EXPECT_TRUE(adapter.create_async_handler()->get_result().has_error());
-  EXPECT_EQ(code_of(raised_by([&] { adapter.signal_error(nullptr); })),
-            "error.tqcore.result.badParameter");
-}
-
-// ---- The four handlers for void -------------------------------------------------------------
-
-enum class Got { Empty, Asynchrony, OnFuture };
-
-struct HandlerRow {
-  char const* name;
-  std::function<RefCountPtr<AsyncResult<>>(ResultControlBase const&, Future<> const&)> create;
-  bool cancelled;
-  Got result;
-};
-
-// Rows show by their first field in test names and failure messages.
-void PrintTo(HandlerRow const& row, std::ostream* out) {
-  *out << ::testing::PrintToString(row.name);
-}
-
-std::vector<HandlerRow> const kHandlerRows = {
-    {"Ignored",
-     [](ResultControlBase const& c, Future<> const&) {
-       return impl::AsyncResultIgnoredBase<void>::create(c);
-     },
-     false, Got::Empty},
-    {"Cancelled",
-     [](ResultControlBase const& c, Future<> const&) {
-       return impl::AsyncResultCancelledBase<void>::create(c);
-     },
-     true, Got::Empty},
-    {"Error",
-     [](ResultControlBase const& c, Future<> const&) {
-       return impl::AsyncResultErrorBase<void>::create(c);
-     },
-     true, Got::Asynchrony},
-    {"Future",
-     [](ResultControlBase const& c, Future<> const& f) {
-       return impl::AsyncResultFutureBase<void>::create(c, f);
-     },
-     false, Got::OnFuture},
-};
-
-class VoidHandler : public ::testing::TestWithParam<HandlerRow> {
- protected:
-  Future<> future;
-  // Held by pointer: a control's destructor may raise, which a fixture's may not.
-  std::unique_ptr<ResultControlIgnored<>> control = std::make_unique<ResultControlIgnored<>>();
-  RefCountPtr<AsyncResult<>> handler = GetParam().create(*control, future);
-};
-
-TEST_P(VoidHandler, CancelReachesOnlyAFuture) {
-  handler->cancel(true, nullptr);
-  EXPECT_EQ(future.error_info() == impl::create_result_cancel_error(nullptr),
-            GetParam().result == Got::OnFuture);
-  EXPECT_EQ(handler->cancelled(), GetParam().cancelled || GetParam().result == Got::OnFuture);
-}
-
-TEST_P(VoidHandler, RepeatedSignalsAreErrorsOnlyOnAFuture) {
-  handler->on_async_result_success();
-  ErrorInfo::Ptr const second = raised_by([&] { handler->on_async_result_success(); });
-  ErrorInfo::Ptr const third = raised_by([&] { handler->on_async_result_error(failure("e.x")); });
-  bool const on_future = GetParam().result == Got::OnFuture;
-  EXPECT_EQ(code_of(second), on_future ? "error.tqcore.result.redundantSignal" : "(none)");
-  EXPECT_EQ(code_of(third), on_future ? "error.tqcore.result.redundantSignal" : "(none)");
-  EXPECT_EQ(future.has_value(), on_future);
-}
-
-TEST_P(VoidHandler, NullErrorIsRefusedByEveryHandler) {
-  EXPECT_EQ(code_of(raised_by([&] { handler->on_async_result_error(nullptr); })),
-            "error.tqcore.result.badParameter");
-  EXPECT_FALSE(future.is_ready());
-}
-
-INSTANTIATE_TEST_SUITE_P(Handlers, VoidHandler, ::testing::ValuesIn(kHandlerRows),
-                         [](auto const& info) { return std::string(info.param.name); });
-
-// ---- The future handler: redundant signals, cancellation, destruction -----------------------
 
 class FutureHandler : public ::testing::Test {
  protected:
@@ -289,22 +172,10 @@ TEST_F(FutureHandler, SignalsAfterACancelAreSwallowed) {
   EXPECT_EQ(error->nested(), reason);
 }
 
-TEST_F(FutureHandler, AnInnerOperationCancellationAlsoSwallowsSignals) {
-  future.set(impl::ResultInnerInvokerTagBase::outer_operation_cancelled());
-  EXPECT_TRUE(handler->cancelled());
-  EXPECT_FALSE(raised_by([&] { handler->on_async_result_success(1); }));
-}
-
 TEST_F(FutureHandler, DroppedUnsignalledTellsTheReaderWhy) {
   Result<int> const result = handler->get_result();
   handler = nullptr;
   EXPECT_EQ(result.error_info(), impl::create_result_not_signaled_error());
-}
-
-TEST_F(FutureHandler, DroppedAfterACancelKeepsTheCancel) {
-  handler->cancel(false, nullptr);
-  handler = nullptr;
-  EXPECT_EQ(future.error_info(), impl::create_result_cancel_error(nullptr));
 }
 
 struct ThrowingObserver : RefCounted<AtomicRefCount>, IFutureObserver<int> {
@@ -318,8 +189,6 @@ TEST_F(FutureHandler, DroppedWhileAnObserverRaisesLetsNothingOut) {
   EXPECT_NO_THROW(handler = nullptr);
   EXPECT_FALSE(future.is_ready());
 }
-
-// ---- Cancellation at each stage of an operation delivering through a Future -----------------
 
 TEST(Cancellation, BeforeTheOperationLooks) {
   Future<> future;
@@ -343,8 +212,6 @@ TEST(Cancellation, AfterCompletionChangesNothing) {
   EXPECT_EQ(result.get(), 3);
 }
 
-// ---- Records --------------------------------------------------------------------------------
-
 TEST(ResultRecords, WhatCountsAsACancellation) {
   struct Row {
     ErrorInfo::Ptr error;
@@ -361,27 +228,6 @@ TEST(ResultRecords, WhatCountsAsACancellation) {
   for (Row const& row : rows)
     EXPECT_EQ(impl::result_was_cancelled(row.error), row.cancelled) << code_of(row.error);
 }
-
-// ---- The caller's slot -----------------------------------------------------------------------
-
-// Fills the slot the way an invocation template would, and records each destruction.
-class SlotControl : public ResultControlIgnored<> {
- public:
-  struct Content : SlotContent {
-    explicit Content(std::vector<int>* log, int tag) : log(log), tag(tag) {}
-    void destroy(unsigned int flags) override { log->push_back(tag * 10 + int(flags)); }
-    std::vector<int>* log;
-    int tag;
-  };
-  SlotControl() = default;
-  SlotControl(std::vector<int>* log, int tag) {
-    static_assert(sizeof(Content) <= kSlotSize);
-    m_slotContent = new (m_slot) Content(log, tag);
-  }
-  bool has_content() const { return m_slotContent != nullptr; }
-};
-
-// ---- Completions handed between threads ------------------------------------------------------
 
 }  // namespace
 }  // namespace tqcore

@@ -57,41 +57,6 @@ TEST(ScopeCheck, SignalsInsideTheScopeRaiseAndChangeNothing) {
   }
 }
 
-TEST(ScopeCheck, AfterItsControlEndsAHandlerSignalsOnTheSameThread) {
-  Future<int> future;
-  RefCountPtr<AsyncResult<int>> handler;
-  { handler = ResultControlFutureRef<int>(future).create_async_handler(); }
-  handler->on_async_result_success(4);
-  EXPECT_EQ(future.get(), 4);
-}
-
-TEST(ScopeCheck, HandlersFromOneControlShareItsId) {
-  RefCountPtr<AsyncResult<>> first, second;
-  {
-    ResultControlIgnoredIfAsync<> const control;
-    first = control.create_async_handler();
-    second = control.create_async_handler();
-    EXPECT_EQ(first->activation_id(), second->activation_id());
-    EXPECT_TRUE(raises_scope_error([&] { second->on_async_result_success(); }));
-  }
-  // One control ended once: the list is empty again, and neither is inside a scope.
-  EXPECT_FALSE(raised_by([&] { first->on_async_result_success(); }));
-  EXPECT_FALSE(raised_by([&] { second->on_async_result_success(); }));
-}
-
-TEST(ScopeCheck, ACopyOfAnActiveControlStartsIdleAndEndsHarmlessly) {
-  ResultControlIgnored<> const original;
-  RefCountPtr<AsyncResult<>> const first = original.create_async_handler();
-  RefCountPtr<AsyncResult<>> copied_handler;
-  {
-    ResultControlIgnored<> const copy(original);
-    copied_handler = copy.create_async_handler();
-    EXPECT_NE(copied_handler->activation_id(), first->activation_id());
-  }
-  EXPECT_TRUE(raises_scope_error([&] { first->on_async_result_success(); }));
-  EXPECT_FALSE(raised_by([&] { copied_handler->on_async_result_success(); }));
-}
-
 TEST(ScopeCheck, ControlsMayEndInTheOrderTheyBegan) {
   Placed<ResultControlIgnored<>> older, newer;
   RefCountPtr<AsyncResult<>> const a = older->create_async_handler();
@@ -101,34 +66,6 @@ TEST(ScopeCheck, ControlsMayEndInTheOrderTheyBegan) {
   EXPECT_TRUE(raises_scope_error([&] { b->on_async_result_success(); }));
   EXPECT_FALSE(newer.end());
   EXPECT_FALSE(raised_by([&] { b->on_async_result_success(); }));
-}
-
-TEST(ScopeCheck, EndingOnAnotherThreadRaises) {
-  using Control = Placed<ResultControlIgnored<>>;
-  Control* first = nullptr;
-  Control* second = nullptr;
-  std::thread([&] {
-    first = new Control();
-    second = new Control();
-    (*first)->create_async_handler();
-    (*second)->create_async_handler();
-  }).join();  // that thread's list still names both; the thread is gone
-  ErrorInfo::Ptr on_other_list, on_empty_list;
-  std::thread([&] {
-    ResultControlIgnored<> const own;  // a list that does not hold the control
-    own.create_async_handler();
-    on_other_list = first->end();
-  }).join();
-  std::thread([&] { on_empty_list = second->end(); }).join();
-  delete first;
-  delete second;
-  ASSERT_TRUE(on_other_list);
-  EXPECT_EQ(on_other_list->code().value(), "error.tqcore.result.wrongThread");
-  EXPECT_EQ(on_other_list->message(),
-            "ResultControl deactivated on a thread other than the one for which it was "
-            "activated.");
-  EXPECT_EQ(on_other_list->location().function(), "tqcore::ResultControlBase::deactivate()");
-  EXPECT_TRUE(on_empty_list && on_empty_list->matches("error.tqcore.result.wrongThread"));
 }
 
 // The control ended elsewhere leaves its thread's list first: that thread goes on walking it.
@@ -201,8 +138,6 @@ TEST(ScopeCheck, AGuardEndingInsideTheScopeRaisesFromItsDestructor) {
   ErrorInfo::Ptr const raised = guard.end();
   EXPECT_TRUE(raised && raised->matches("error.tqcore.result.invalidAsyncSignalScope"));
 }
-
-// ---- The variable, read at load ------------------------------------------------------------
 
 struct SwitchRow {
   char const* value;  // null: unset

@@ -118,24 +118,6 @@ INSTANTIATE_TEST_SUITE_P(Failures, SimpleDateTimeRejects,
         Rejected{"22620410T234716.854775807+1201", kRange, true}));
 // clang-format on
 
-TEST(SimpleDateTime, LocalTimeDecidesEqualityOrderAndHash) {
-  SimpleDateTime const plus_one = parse("2000-01-01T12:00:00+01:00");
-  EXPECT_EQ(plus_one.as_local_time(), utc("2000-01-01T13:00:00"));
-  EXPECT_EQ(plus_one.timezone_offset_as_relative_time(), RelativeTime::minutes(60));
-  SimpleDateTime const same_local = parse("2000-01-01T14:00:00-01:00");
-  EXPECT_EQ(plus_one, same_local);
-  EXPECT_EQ(plus_one.hash(), same_local.hash());
-  EXPECT_NE(plus_one.base_time_utc(), same_local.base_time_utc());
-  SimpleDateTime const later = parse("2000-01-01T13:00:01Z");
-  EXPECT_LT(plus_one, later);
-  EXPECT_GT(later, same_local);
-  EXPECT_NE(plus_one, later);
-  EXPECT_NE(plus_one.hash(), later.hash());
-  std::ostringstream out;
-  out << plus_one;
-  EXPECT_EQ(out.str(), "2000-01-01 12:00:00.0+01:00");
-}
-
 struct Normalised {
   int minutes;
   int offset;
@@ -177,19 +159,6 @@ TEST(SimpleDateTime, ExtremeOffsetsAreRangeFailures) {
     ErrorInfo::Ptr const error =
         tqcore_test::raised_by([&] { SimpleDateTime(AbsoluteTime::zero, minutes); });
     EXPECT_TRUE(error && error->matches(error::tqcore_absoluteTime_range)) << minutes;
-  }
-}
-
-TEST(SimpleDateTime, RelativeOffsetsDropSecondsAndRefuseInfinity) {
-  AbsoluteTime const base = utc("2000-01-01T00:00:00");
-  EXPECT_EQ(SimpleDateTime(base, RelativeTime::seconds(5399)).timezone_offset(), 89);
-  EXPECT_EQ(SimpleDateTime(base, RelativeTime::seconds(-5399)).timezone_offset(), -89);
-  try {
-    SimpleDateTime(base, RelativeTime::infinite);
-    FAIL();
-  } catch (ErrorException const& e) {
-    EXPECT_TRUE(e.matches(error::tqcore_simpleDateTime_timezoneOffset));
-    EXPECT_EQ(e.error()->expanded_message().as_string(), "An infinite timezoneOffset is not valid");
   }
 }
 

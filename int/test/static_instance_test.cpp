@@ -110,15 +110,5 @@ TEST(StaticInstance, AccessAfterDestructionRaises) {
   EXPECT_TRUE(said_once(child.output, "tracked 2 destroyed\n")) << child.output;
 }
 
-TEST(StaticInstance, IsDestroyedWhenTheProcessEnds) {
-  ChildResult child = run_in_child([]() -> int {
-    static StaticInstance<Tracked<3>> instance;
-    instance.get();
-    std::exit(0);  // the ordinary end of a process, with every exit step
-  });
-  EXPECT_TRUE(child.exited(0));
-  EXPECT_TRUE(said_once(child.output, "tracked 3 destroyed\n")) << child.output;
-}
-
 }  // namespace
 }  // namespace tqcore

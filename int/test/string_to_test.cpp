@@ -22,29 +22,6 @@ std::string failure_of(F&& f) {
   return error ? error->expanded_message().as_string() : "no failure";
 }
 
-// ---- Values to text --------------------------------------------------------------------------
-
-// ---- Text to values --------------------------------------------------------------------------
-
-TEST(StringTo, DoublesFollowStrtodAndItsBounds) {
-  std::string const ok(127, '1');
-  EXPECT_DOUBLE_EQ(string_to<double>(std::string_view(ok)), std::strtod(ok.c_str(), nullptr));
-  std::string const too_long(128, '1');
-  EXPECT_THROW(string_to<double>(std::string_view(too_long)), ErrorException);
-  EXPECT_EQ(string_to<double>(std::string_view("")), 0.0);
-  ErrorInfo::Ptr error;
-  EXPECT_TRUE(std::isnan(string_to<double>("1.5x", 4, &error)));
-  ASSERT_TRUE(error);
-  EXPECT_TRUE(error->matches("error.tqcore.string.extraction"));
-  EXPECT_EQ(error->expanded_message().as_string(),
-            "tqcore::string_to<double>(\"1.5x\") conversion failed.");
-  error.clear();
-  EXPECT_EQ(string_to<float>("1e39", 4, &error), std::numeric_limits<float>::infinity());
-  EXPECT_TRUE(error);
-  EXPECT_EQ(string_to<float>(std::string_view("0.5")), 0.5f);
-  EXPECT_EQ(string_to<double>(std::wstring_view(L"-2.5e3")), -2500.0);
-}
-
 TEST(StringTo, FailureShowsAtMost128BytesOnACharacterBoundary) {
   std::string text(127, 'x');
   text += "\xE2\x82\xAC";  // a three-byte character across the limit
@@ -164,59 +141,23 @@ INSTANTIATE_TEST_SUITE_P(
     Table, IntegerGrammar,
     ::testing::Values(
         IntegerCase{"42", 10, 42, nullptr},
-        IntegerCase{"-42", 10, -42, nullptr},
-        IntegerCase{"+7", 10, 7, nullptr},
         IntegerCase{"ff", 16, 255, nullptr},
         IntegerCase{"0xFF", 16, 255, nullptr},
-        IntegerCase{"-0x10", 16, -16, nullptr},
-        IntegerCase{"0b101", 2, 5, nullptr},
         IntegerCase{"zz", 36, 1295, nullptr},
         IntegerCase{"-9223372036854775808", 10, std::numeric_limits<long long>::min(), nullptr},
         IntegerCase{"9223372036854775808", 10, 0, "The value of the base-10 sequence \"9223372036854775808\" is too large"},
         IntegerCase{"12a", 10, 0, "Invalid base-10 numeral ('a') found while attempting to convert \"12a\""},
         IntegerCase{" 1", 10, 0, "Invalid base-10 numeral (' ')"},
         IntegerCase{"0x", 16, 0, "Invalid base-16 numeral ('x')"},
-        IntegerCase{"0x1", 10, 0, "Invalid base-10 numeral ('x')"},
         IntegerCase{"", 10, 0, "tqcore::string_to<long long>(\"\") conversion failed."},
-        IntegerCase{"-", 10, 0, "tqcore::string_to<long long>(\"-\") conversion failed."},
         IntegerCase{"1", 37, 0, "Invalid 'radix' argument specified (37) while attempting to convert \"1\" into a value of type long long."}));
 // clang-format on
-
-// ---- Streamers -------------------------------------------------------------------------------
 
 template <class T>
 std::string streamed(T const& value) {
   std::ostringstream out;
   out << value;
   return out.str();
-}
-
-TEST(Streamers, StringsAreQuotedAndCutOnCharacters) {
-  std::string const long_text(300, 'a');
-  EXPECT_EQ(streamed(streamers::String(long_text.c_str())), "\"" + std::string(256, 'a') + "...\"");
-  EXPECT_EQ(streamed(streamers::String("a\xE2\x82\xAC", 4, 2, '"')), "\"a...\"");
-  EXPECT_EQ(streamed(streamers::String("abc", 3, 0, '\'')), "'...'");
-  EXPECT_EQ(streamed(streamers::String("", 0, 0, '\'')), "''");
-  wchar_t const lone[] = {L'x', static_cast<wchar_t>(0xDC00), 0};
-  EXPECT_EQ(streamed(streamers::WString(lone)), "\"x?\"");
-  std::ostringstream wide;
-  wide.width(7);
-  wide.fill('*');
-  wide << streamers::String("abc", 3, 2, 0);
-  EXPECT_EQ(wide.str(), "**ab...");
-}
-
-TEST(Streamers, HexDumpLinesHaveOneLayout) {
-  unsigned char data[17];
-  for (int k = 0; k < 17; ++k) data[k] = static_cast<unsigned char>(k == 1 ? 127 : 'A' + k);
-  std::string const text =
-      streamed(streamers::HexDump(data, 17, reinterpret_cast<void const*>(uintptr_t{0x10}), "> "));
-  EXPECT_EQ(
-      text,
-      "> 0000000000000010: 41 7f 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50 : A\x7f"
-      "CDEFGHIJKLMNOP\n"
-      "> 0000000000000020: 51                                              : Q               \n");
-  EXPECT_EQ(streamed(streamers::HexDump(nullptr, 4)), "");
 }
 
 }  // namespace

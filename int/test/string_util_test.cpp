@@ -17,8 +17,6 @@ namespace {
 
 constexpr size_t kNpos = StringRange::npos;
 
-// ---- Checked casts ---------------------------------------------------------------------------
-
 template <class F>
 std::string cast_failure(F&& cast) {
   ErrorInfo::Ptr const error = tqcore_test::raised_by(cast);
@@ -49,26 +47,6 @@ struct Base {
 struct Derived : Base {};
 struct Other : Base {};
 
-TEST(DynamicReferenceCast, TellsNullFromWrongType) {
-  Derived derived;
-  Other other;
-  EXPECT_EQ(&dynamic_reference_cast<Derived>(static_cast<Base*>(&derived)), &derived);
-  try {
-    dynamic_reference_cast<Derived>(static_cast<Base*>(nullptr));
-    FAIL();
-  } catch (std::bad_cast const& e) {
-    EXPECT_STREQ(e.what(), "Bad tqcore::dynamic_reference_cast<> (NULL source)");
-  }
-  try {
-    dynamic_reference_cast<Derived>(static_cast<Base*>(&other));
-    FAIL();
-  } catch (std::bad_cast const& e) {
-    EXPECT_STREQ(e.what(), "Bad tqcore::dynamic_reference_cast<> (cast failed)");
-  }
-}
-
-// ---- ASCII helpers ---------------------------------------------------------------------------
-
 // The word-at-a-time comparison against the rules applied one byte at a time.
 TEST(NocaseAscii, AgreesWithTheBytewiseRuleOnGeneratedTexts) {
   std::mt19937 random(7);
@@ -92,18 +70,6 @@ TEST(NocaseAscii, AgreesWithTheBytewiseRuleOnGeneratedTexts) {
     ASSERT_EQ(string_equal_nocase_ascii(a.data(), a.size(), b.data(), b.size()), expected == 0);
   }
 }
-
-TEST(NocaseAscii, HashesAgreeAcrossCase) {
-  EXPECT_EQ(string_hash_lowercase_ascii("A", kNpos), 97u);
-  EXPECT_EQ(string_hash_lowercase_ascii("a", kNpos), 97u);
-  EXPECT_EQ(string_hash_lowercase_ascii("ab", kNpos), 583u);
-  EXPECT_EQ(string_hash_lowercase_ascii("", 0), 0u);
-  EXPECT_EQ(string_hash_lowercase_ascii("\xC4", 1), static_cast<size_t>(UINT32_MAX - 59));
-  EXPECT_EQ(string_hash_uppercase_ascii("Mixed", kNpos), string_hash_uppercase_ascii("mIXED", 5));
-  EXPECT_NE(string_hash_uppercase_ascii("ab", 2), string_hash_lowercase_ascii("ab", 2));
-}
-
-// ---- StringRange -----------------------------------------------------------------------------
 
 struct RangeCase {
   StringRange range;

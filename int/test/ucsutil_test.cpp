@@ -11,8 +11,6 @@
 namespace tqcore {
 namespace {
 
-// ---- A reference from the rules: one unit at a time, no fast paths ---------------------------
-
 using Bytes = std::string;
 using U16 = std::vector<unsigned short>;
 using U32 = std::vector<unsigned int>;
@@ -232,46 +230,22 @@ int ref_status(Bytes const& t, size_t* at) {
   return 0;
 }
 
-// ---- Generated inputs ------------------------------------------------------------------------
-
 Bytes generated_utf8(std::mt19937& random) {
-  static char const* const kPieces[] = {"a",
-                                        "Hello, world. ",
-                                        "0123456789abcdefghijklmnopqrstuvwxyz",
-                                        "\xC3\xA9",
-                                        "\xD0\x96",
-                                        "\xE2\x82\xAC",
-                                        "\xE4\xB8\xAD",
-                                        "\xF0\x9F\x98\x80",
-                                        "\xF4\x8F\xBF\xBF",
-                                        "\xF4\x90\x80\x80",  // beyond U+10FFFF
-                                        "\xF8\x88\x80\x80\x80",
-                                        "\xFC\x84\x80\x80\x80\x80",
-                                        "\xFD\xBF\xBF\xBF\xBF\xBF",
-                                        "\xC0\x80",
-                                        "\xC1\xBF",
-                                        "\xE0\x80\x80",
-                                        "\xE0\x80\x20",
-                                        "\xF0\x80\x80\x80",  // overlong
-                                        "\xF0\x80\x20\x20",
-                                        "\xF8\x80\x80\x80\x80",
-                                        "\xFC\x80\x80\x80\x80\x80",
-                                        "\xED\xA0\x80",
-                                        "\xED\xBF\xBF",  // surrogates
-                                        "\xEF\xBB\xBF",
-                                        "\xEF\xBF\xBE",
-                                        "\xEF\xBF\xBF",  // U+FEFF, U+FFFE, U+FFFF
-                                        "\x80",
-                                        "\xBF",
-                                        "\xFE",
-                                        "\xFF",  // not lead bytes
-                                        "\xC3",
-                                        "\xE2\x82",
-                                        "\xF0\x9F\x98",  // truncated (mid-text)
-                                        "\xC3\x28",
-                                        "\xE2\x28\xAC",
-                                        "\xF0\x9F\x28\x80",  // bad continuation
-                                        std::string(1, '\0').c_str()};
+  // clang-format off
+  static char const* const kPieces[] = {
+      "a", "Hello, world. ", "0123456789abcdefghijklmnopqrstuvwxyz",
+      "\xC3\xA9", "\xD0\x96", "\xE2\x82\xAC", "\xE4\xB8\xAD", "\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF",
+      "\xF4\x90\x80\x80",                                                              // beyond U+10FFFF
+      "\xF8\x88\x80\x80\x80", "\xFC\x84\x80\x80\x80\x80", "\xFD\xBF\xBF\xBF\xBF\xBF",  // five and six bytes
+      "\xC0\x80", "\xC1\xBF", "\xE0\x80\x80", "\xE0\x80\x20", "\xF0\x80\x80\x80",      // overlong
+      "\xF0\x80\x20\x20", "\xF8\x80\x80\x80\x80", "\xFC\x80\x80\x80\x80\x80",
+      "\xED\xA0\x80", "\xED\xBF\xBF",                                                    // surrogates
+      "\xEF\xBB\xBF", "\xEF\xBF\xBE", "\xEF\xBF\xBF",                                  // U+FEFF, U+FFFE, U+FFFF
+      "\x80", "\xBF", "\xFE", "\xFF",                                                      // not lead bytes
+      "\xC3", "\xE2\x82", "\xF0\x9F\x98",                                                // truncated (mid-text)
+      "\xC3\x28", "\xE2\x28\xAC", "\xF0\x9F\x28\x80",                                  // bad continuation
+      std::string(1, '\0').c_str()};
+  // clang-format on
   Bytes text;
   size_t pieces = random() % 12;
   for (size_t k = 0; k < pieces; ++k) {
@@ -592,88 +566,6 @@ TEST(UnicodeDifferential, Utf16ToUtf8InEveryDestinationSize) {
       }
     }
   }
-}
-
-// ---- The rules' own edge cases ---------------------------------------------------------------
-
-TEST(Utf8Validator, OrderOfTestsDecidesTheStatus) {
-  struct {
-    char const* text;
-    int status;
-  } const cases[] = {{"\xC0\x80", 3},         {"\xE0\x80\x20", 4},
-                     {"\xF0\x80\x20\x20", 3}, {"\xED\xA0\x80", 5},
-                     {"ok\xEF\xBB\xBF", 7},   {"\xEF\xBF\xBE", 0},
-                     {"\xEF\xBF\xBF", 0},     {"\xF4\x90\x80\x80", 0},
-                     {"\xE2\x82", 2},         {"", 0}};
-  for (auto const& c : cases)
-    EXPECT_EQ(utf8_validate(c.text, std::strlen(c.text)), c.status) << c.text;
-  try {
-    check_valid_utf8("\xE2\x82", 2);
-    FAIL();
-  } catch (ErrorException const& e) {
-    EXPECT_EQ(e.error()->code(), "error.tqcore.string.utf8.partial");
-    EXPECT_EQ(e.error()->message(), "String ends in a partial UTF-8 sequence");
-    EXPECT_EQ(e.error()->location().function(), "tqcore::check_valid_utf8()");
-  }
-  EXPECT_TRUE(utf8_status_error(0, "f()", 1).is_null());
-  EXPECT_EQ(utf8_status_error(8, "f()", 1)->message(),
-            "UTF-8 string must not contain U+FFFF character");
-}
-
-TEST(PerCharacter, EncodersAndDecodersFollowTheRules) {
-  char buffer[8];
-  EXPECT_EQ(ucs4_char_to_utf8(0x7FFFFFFF, buffer, buffer + 8), 6u);
-  EXPECT_EQ(Bytes(buffer, 6), "\xFD\xBF\xBF\xBF\xBF\xBF");
-  errno = 0;
-  EXPECT_EQ(ucs4_char_to_utf8(0x80000000u, buffer, buffer + 8), 0u);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(ucs4_char_to_utf8(0xE9, buffer, buffer + 1), 0u);  // the lead byte stays written
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_EQ(static_cast<unsigned char>(buffer[0]), 0xC3);
-  EXPECT_EQ(ucs4_char_to_utf8(0xFFFE, nullptr, nullptr), 0u);
-  EXPECT_EQ(ucs4_char_utf8_length(0x90000000u), 6u);
-  unsigned int scalar = 0;
-  EXPECT_EQ(utf8_to_ucs4_char("\xEF\xBF\xBF", 3, &scalar), 0u);
-  EXPECT_EQ(utf8_to_ucs4_char("\xF4\x90\x80\x80", 4, &scalar), 4u);
-  EXPECT_EQ(scalar, 0x110000u);
-  errno = 0;
-  EXPECT_EQ(utf8_to_ucs4_char("", 0, &scalar), 0u);
-  EXPECT_EQ(errno, 0);
-  unsigned short units[2];
-  EXPECT_EQ(ucs4_char_to_utf16(0x1F600, units, units + 2), 2u);
-  EXPECT_EQ(utf16_to_ucs4_char(units, 2, &scalar), 2u);
-  EXPECT_EQ(scalar, 0x1F600u);
-  EXPECT_EQ(ucs4_char_to_utf16(0x110000, units, units + 2), 0u);
-  EXPECT_EQ(utf8_sequence_length('\xFD'), 6u);
-  EXPECT_EQ(utf8_sequence_length('\xBF'), 0u);
-}
-
-TEST(StringFunctions, TerminatorAndReplacementRules) {
-  unsigned short units[4];
-  EXPECT_EQ(utf8_to_utf16("ab", SIZE_MAX, units, 4, 0, nullptr), 3u);
-  EXPECT_EQ(units[2], 0);
-  EXPECT_EQ(utf8_to_utf16("ab", 2, units, 4, 0, nullptr), 2u);
-  unsigned short const lone_high[] = {0xD800, 'A'};
-  char out[4];
-  EXPECT_EQ(utf16_to_utf8(lone_high, 2, out, 4, '?', nullptr), 1u);
-  EXPECT_EQ(out[0], '?');
-  unsigned short const lone_low[] = {0xDC00, 'A'};
-  EXPECT_EQ(utf16_to_utf8(lone_low, 2, out, 4, '?', nullptr), 2u);
-  EXPECT_EQ(Bytes(out, 2), "?A");
-  Bytes text = "\xE2\x82x";
-  int first_invalid = 5;
-  make_valid_utf8(text.data(), text.size(), '?', &first_invalid);
-  EXPECT_EQ(text, "??x");
-  EXPECT_EQ(first_invalid, 0);
-  unsigned int scalars[4];
-  EXPECT_EQ(utf8_to_ucs4("\xE2\x82x", 3, scalars, 4, 0xFFFD, nullptr), 2u);
-  unsigned int const big[] = {0x80000000u};
-  EXPECT_EQ(ucs4_to_utf8(big, 1, nullptr, 0, '?', nullptr), 6u);  // measured 6, written 1
-  EXPECT_EQ(ucs4_to_utf8(big, 1, out, 4, '?', nullptr), 1u);
-  EXPECT_EQ(utf8_to_ucs4("abc", 3, scalars, 2, 0, nullptr), 0u);  // full is EINVAL here
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(utf8_to_utf16("abc", 3, units, 2, 0, nullptr), 0u);
-  EXPECT_EQ(errno, ENOMEM);
 }
 
 }  // namespace

@@ -1,27 +1,37 @@
 // Uuid and the random generator behind it.
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/error_exception.h>
+#include <tqcore/murmur_hash.h>
+#include <tqcore/object_key.h>
 #include <tqcore/random.h>
+#include <tqcore/source_string.h>
 #include <tqcore/uuid.h>
 
 #include <gtest/gtest.h>
 
+#include <ace/Object_Manager.h>
+
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <random>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "child_process.h"
+#include "murmur_reference.h"
 #include "testing_seams.h"
 
 namespace tqcore {
 namespace {
-
-// ---- Random numbers --------------------------------------------------------------------------
 
 // What a child process draws right after fork, against what the parent draws next.
 TEST(Random, AForkedChildDoesNotRepeatItsParent) {
@@ -41,30 +51,7 @@ TEST(Random, AForkedChildDoesNotRepeatItsParent) {
   EXPECT_NE(child.output.substr(17 + 24, 8), before.as_string().substr(24, 8));
 }
 
-// ---- Uuid: construction and queries ----------------------------------------------------------
-
 Uuid parse(char const* text) { return Uuid::from_string(text); }
-
-TEST(Uuid, LegacyInteractionIds) {
-  for (unsigned int id : {0u, 5u, 1234567890u, 4294967295u}) {
-    Uuid const uuid = Uuid::create_legacy_interaction_id(id, 0x7E);
-    EXPECT_EQ(uuid.version(), Uuid::LegacyInteractionId);
-    EXPECT_EQ(uuid.legacy_interaction_id(), id);
-    EXPECT_EQ(uuid.legacy_interaction_id_flags(), 0x7E);
-    EXPECT_FALSE(uuid.is_unresolved_legacy_interaction_id());
-  }
-  EXPECT_EQ(parse("00000000-0000-c000-8000-004294967295").legacy_interaction_id(), 4294967295u);
-  // Ten nines do not fit 32 bits: the value wraps as computed.
-  EXPECT_EQ(parse("00000000-0000-c000-8000-009999999999").legacy_interaction_id(),
-            static_cast<unsigned int>(9999999999ull));
-  Uuid const unresolved = Uuid::create_unresolved_legacy_interaction_id(5);
-  EXPECT_TRUE(unresolved.is_unresolved_legacy_interaction_id());
-  EXPECT_EQ(unresolved.as_string(), "00000000-0000-c000-8000-000000000005");
-  EXPECT_EQ(Uuid::create_random().legacy_interaction_id(), 0u);
-  EXPECT_EQ(Uuid::create_random().legacy_interaction_id_flags(), 0);
-}
-
-// ---- Uuid: text ------------------------------------------------------------------------------
 
 TEST(UuidText, ThreeFormsRoundTripInLowerCase) {
   char const* const upper = "0A1B2C3D-4E5F-6A7B-8C9D-AEBFC0D1E2F3";
@@ -120,8 +107,6 @@ TEST(UuidText, MalformedTextsAreRefusedAndLeaveOutAlone) {
   EXPECT_FALSE(Uuid::from_string_nothrow(nullptr, nullptr));
 }
 
-// ---- Uuid: sequential ------------------------------------------------------------------------
-
 uint16_t counter_of(Uuid const& uuid) {
   return static_cast<uint16_t>(uuid.bytes()[14] << 8 | uuid.bytes()[15]);
 }
@@ -173,6 +158,171 @@ TEST(UuidSequential, AClockGoingBackStartsANewSequence) {
   EXPECT_EQ(counter_of(back), 1);
   EXPECT_NE(std::string(reinterpret_cast<char const*>(ahead.bytes()) + 10, 4),
             std::string(reinterpret_cast<char const*>(back.bytes()) + 10, 4));
+}
+
+}  // namespace
+}  // namespace tqcore
+
+// Murmur hashing against MurmurHash3_x64_128 as published: with a seed below 2^32 the
+// library's value is the first word of the published pair.
+namespace tqcore {
+namespace {
+
+uint64_t reference_folded(std::string const& bytes, uint32_t seed) {
+  return murmur_reference::folded(bytes.data(), bytes.size(), seed);
+}
+
+std::string random_bytes(std::mt19937_64& rng, size_t size) {
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(rng());
+  return bytes;
+}
+
+TEST(MurmurHash, MatchesThePublishedFunctionForEveryLengthUpTo300) {
+  std::mt19937_64 rng(20261121);
+  for (size_t size = 0; size <= 300; ++size) {
+    std::string const bytes = random_bytes(rng, size);
+    for (int k = 0; k < 4; ++k) {
+      auto const seed = static_cast<uint32_t>(rng());
+      MurmurHashContext context(seed);
+      EXPECT_EQ(context.update(bytes.data(), bytes.size()).calculate_digest(),
+                reference_folded(bytes, seed))
+          << "size " << size << " seed " << seed;
+    }
+  }
+}
+
+TEST(MurmurHash, EverySplitGivesTheOneShotDigest) {
+  std::mt19937_64 rng(7);
+  std::string const bytes = random_bytes(rng, 77);
+  uint64_t const whole = murmur_hash(bytes.data(), bytes.size());
+  for (size_t first = 0; first <= bytes.size(); ++first) {
+    for (size_t second = first; second <= bytes.size(); second += 5) {
+      MurmurHashContext context;
+      context.update(bytes.data(), first)
+          .update(bytes.data() + first, second - first)
+          .update(bytes.data() + second, bytes.size() - second);
+      ASSERT_EQ(context.calculate_digest(), whole) << first << "/" << second;
+    }
+  }
+  MurmurHashContext bytewise;
+  for (char c : bytes) bytewise.update(&c, 1);
+  EXPECT_EQ(bytewise.calculate_digest(), whole);
+}
+
+TEST(MurmurHash, WideTextHashesItsUtf16Form) {
+  struct Row {
+    std::wstring text;
+    std::u16string utf16;
+  } const rows[] = {
+      {L"ab", u"ab"},
+      {L"", u""},
+      {L"\u00e9\u4e2d", u"\u00e9\u4e2d"},
+      {std::wstring(1, wchar_t(0x1F600)), u"\U0001F600"},  // a surrogate pair
+      {std::wstring(1, wchar_t(0x110000)), u"\uFFFD"},     // no character
+      {std::wstring(300, L'x') + L"\U0001F600", std::u16string(300, u'x') + u"\U0001F600"},
+  };
+  for (Row const& row : rows) {
+    uint64_t const bytes = murmur_hash(row.utf16.data(), row.utf16.size() * 2);
+    EXPECT_EQ(murmur_hash(row.text.data(), row.text.size()), bytes);
+    MurmurHashContext context;
+    context.update(row.text.data(), row.text.size());
+    EXPECT_EQ(context.calculate_digest(), bytes);
+  }
+  EXPECT_EQ(MurmurHashFunct()(std::wstring_view(L"ab")),
+            MurmurHashFunct()(std::string_view("a\0b\0", 4)));
+}
+
+}  // namespace
+}  // namespace tqcore
+
+// Object keys: identity, interning, the caches' weak hold, trace texts.
+namespace tqcore {
+namespace {
+
+template <class Key>
+std::string traced(Key const& key) {
+  std::ostringstream stream;
+  stream << key;
+  return stream.str();
+}
+
+TEST(StringKey, SameTextSameIdentityAndOneItem) {
+  size_t const before = impl::testing::interned_string_count();
+  StringKey const a("object-key-test-abc");
+  StringKey const b(std::string("object-key-test-abc").c_str());
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a.hash(), b.hash());
+  EXPECT_EQ(&a.value(), &b.value());  // the text is stored once
+  EXPECT_EQ(a.value(), "object-key-test-abc");
+  EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
+  StringKey const other("object-key-test-abd");
+  EXPECT_NE(a, other);
+  EXPECT_TRUE(a < other || other < a);
+  EXPECT_EQ(traced(a), "object-key-test-abc");
+}
+
+TEST(StringKey, TheLastKeyTakesItsItemAlong) {
+  size_t const before = impl::testing::interned_string_count();
+  {
+    StringKey const key("object-key-test-transient");
+    StringKey const copy = key;
+    EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
+  }
+  EXPECT_EQ(impl::testing::interned_string_count(), before);
+  StringKey const rebuilt("object-key-test-transient");
+  EXPECT_EQ(rebuilt.value(), "object-key-test-transient");
+  EXPECT_EQ(impl::testing::interned_string_count(), before + 1);
+}
+
+TEST(StringKey, AShardThatGrowsKeepsEveryItemFindable) {
+  // More than 13 shards times 2039 buckets times 4: every shard grows at least once.
+  constexpr int kCount = 120000;
+  size_t const before = impl::testing::interned_string_count();
+  std::vector<StringKey> keys;
+  keys.reserve(kCount);
+  for (int i = 0; i < kCount; ++i) keys.emplace_back(("grow-" + std::to_string(i)).c_str());
+  EXPECT_EQ(impl::testing::interned_string_count(), before + kCount);
+  for (int i = 0; i < kCount; ++i) {
+    StringKey const again(("grow-" + std::to_string(i)).c_str());
+    ASSERT_EQ(again, keys[i]) << i;
+    ASSERT_EQ(again.value(), "grow-" + std::to_string(i));
+  }
+  keys.clear();
+  EXPECT_EQ(impl::testing::interned_string_count(), before);
+}
+
+struct PointerToken final : impl::ObjectKeyTokenForPointerBase {
+  explicit PointerToken(void const* p) : ObjectKeyTokenForPointerBase(p) {}
+};
+
+// After the process's last cleanup, interning raises, and a key that outlived the cache still
+// reads its text.
+TEST(ObjectKeyCache, InterningAfterUnloadRaises) {
+  tqcore_test::ChildResult const child = tqcore_test::run_in_child([] {
+    static StringKey* survivor = new StringKey("object-key-test-survivor");
+    ACE_Object_Manager::instance()->at_exit(
+        nullptr,
+        [](void*, void*) {
+          std::string report = "survivor=" + survivor->value() + "\n";
+          try {
+            StringKey late("object-key-test-late");
+            report += "no exception\n";
+          } catch (std::runtime_error const& e) {
+            report += std::string("raised: ") + e.what() + "\n";
+          }
+          if (write(STDOUT_FILENO, report.data(), report.size()) < 0) std::_Exit(3);
+        },
+        nullptr, "object key test");
+    std::exit(0);
+    return 0;
+  });
+  EXPECT_TRUE(child.exited(0)) << child.output;
+  EXPECT_NE(child.output.find("survivor=object-key-test-survivor\n"
+                              "raised: tqcore::impl::ObjectKeyCache not constructed or already "
+                              "destroyed\n"),
+            std::string::npos)
+      << child.output;
 }
 
 }  // namespace
