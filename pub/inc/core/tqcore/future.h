@@ -110,9 +110,9 @@ class FutureImpl : public FutureImplBase {
  public:
   using FutureImplBase::set;
 
-  // The value is written before the flag; false when the future was already set.
-  // The value is stored before any observer hears of it: should moving it in fail, nobody was
-  // told of a success that did not happen; should an observer raise, it is taken back out.
+  // False when the future was already set. The value is stored before any observer hears of
+  // it and before the flag: should moving it in fail, nobody was told of a success that did not
+  // happen; should an observer raise, it is taken back out.
   bool set(T value) {
     std::vector<Observer> released;
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
