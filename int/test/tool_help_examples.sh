@@ -1,6 +1,6 @@
 #!/bin/sh
 # Every command of the tool answers --help with an example, and the example runs; an unknown
-# command is bad usage (2), a bad input is bad input (1).
+# command is bad usage (2), a bad input is bad input (1); --json gives one JSON object.
 set -u
 tool=$1
 cd "$(dirname "$0")/../.." || exit 1  # the examples name files of the source tree
@@ -12,4 +12,13 @@ for command in errno utf8 base64 base32 hex time duration datetime uuid hash; do
 done
 "$tool" nosuchcommand 2>/dev/null; [ $? -eq 2 ] || { echo "unknown command is not 2"; exit 1; }
 "$tool" datetime 2000-01-01T12:00:00+1 2>/dev/null; [ $? -eq 1 ] || { echo "bad input is not 1"; exit 1; }
-echo "every command's help and example work"
+# Machine-readable output: one JSON object a line, with the fields a script reads.
+json=$("$tool" uuid inspect --json 00000000-0000-C000-8000-004294967295)
+case "$json" in
+  '{"uuid": "00000000-0000-c000-8000-004294967295", "version": 12,'*'"legacy_id": 4294967295,'*'"unresolved": true}') ;;
+  *) echo "uuid inspect --json: $json"; exit 1 ;;
+esac
+json=$("$tool" time --json 2000-01-01T12:00:00.5)
+[ "$json" = '{"text": "2000-01-01 12:00:00.5", "iso8601": "2000-01-01T12:00:00.5Z", "nanoseconds": 946728000500000000, "julian_date": 2451545.000005787}' ] ||
+  { echo "time --json: $json"; exit 1; }
+echo "every command's help and example work, and --json is JSON"

@@ -45,7 +45,7 @@ bool parse_count(std::string const& text, unsigned long long* value) {
 
 char const kUuidUsage[] =
     "usage: tqcore uuid [--random|--sequential|--legacy N] [--format F] [-n COUNT] | "
-    "tqcore uuid inspect TEXT";
+    "tqcore uuid inspect [--json] TEXT";
 
 bool parse_uuid_request(std::vector<std::string> const& args, UuidRequest* request) {
   for (size_t i = 0; i < args.size(); ++i) {
@@ -93,11 +93,12 @@ char const* version_name(Uuid::EVersion version) {
   return "";
 }
 
-void print_line(char const* label, std::string const& value) {
-  std::cout << label << ": " << value << '\n';
+void colon_line(std::ostream& out, char const* label, std::string const& value) {
+  out << label << ": " << value << '\n';
 }
 
-int inspect(std::vector<std::string> const& args) {
+int inspect(std::vector<std::string> args) {
+  bool const json = tool::take_json_flag(&args);
   if (args.size() != 2) return usage_error(kUuidUsage);
   Uuid uuid;
   if (!Uuid::from_string_nothrow(args[1].c_str(), args[1].size(), &uuid)) {
@@ -108,23 +109,31 @@ int inspect(std::vector<std::string> const& args) {
   uuid.get_node_address(node);
   char node_text[13];
   for (int i = 0; i < 6; ++i) std::snprintf(node_text + 2 * i, 3, "%02x", node.bytes[i]);
-  print_line("uuid", uuid.as_string());
-  print_line("version", std::to_string(uuid.version()) + version_name(uuid.version()));
-  print_line("timestamp", std::to_string(uuid.timestamp()));
+  tool::Report report(json, colon_line);
+  report.text("uuid", "uuid", uuid.as_string());
+  if (json) {
+    report.number("version", "version", std::to_string(uuid.version()));
+  } else {
+    report.text("version", "version",
+                std::to_string(uuid.version()) + version_name(uuid.version()));
+  }
+  report.number("timestamp", "timestamp", std::to_string(uuid.timestamp()));
   if (uuid.version() == Uuid::Sequential) {
     // Bytes 0 to 6 are the clock's high bytes, big-endian; its low byte is not kept.
     unsigned long long clock = 0;
     for (int i = 0; i < 7; ++i) clock = (clock | uuid.bytes()[i]) << 8;
-    print_line("time",
-               tqcore::AbsoluteTime::from_nsec(static_cast<long long>(clock)).as_iso8601_string());
+    report.text("time", "time",
+                tqcore::AbsoluteTime::from_nsec(static_cast<long long>(clock)).as_iso8601_string());
   }
-  print_line("sequence", std::to_string(uuid.sequence()));
-  print_line("node", node_text);
+  report.number("sequence", "sequence", std::to_string(uuid.sequence()));
+  report.text("node", "node", node_text);
   if (uuid.version() == Uuid::LegacyInteractionId) {
-    print_line("legacy id", std::to_string(uuid.legacy_interaction_id()));
-    print_line("legacy flags", std::to_string(uuid.legacy_interaction_id_flags()));
-    print_line("unresolved", uuid.is_unresolved_legacy_interaction_id() ? "yes" : "no");
+    report.number("legacy_id", "legacy id", std::to_string(uuid.legacy_interaction_id()));
+    report.number("legacy_flags", "legacy flags",
+                  std::to_string(uuid.legacy_interaction_id_flags()));
+    report.flag("unresolved", "unresolved", uuid.is_unresolved_legacy_interaction_id());
   }
+  report.print(std::cout);
   return 0;
 }
 

@@ -34,7 +34,7 @@ void print_usage(std::ostream& out) {
          "                     at COLS (76; 0 for none); -d decodes, ignoring line breaks; -u\n"
          "                     writes the URL-safe base-64 alphabet. A bad input prints the\n"
          "                     error record and exits 1\n"
-         "  time [now|TEXT|NANOSECONDS]\n"
+         "  time [--json] [now|TEXT|NANOSECONDS]\n"
          "                     a UTC time (now by default): both text forms, the nanoseconds\n"
          "                     since 1970 and the Julian date\n"
          "  duration TEXT|NANOSECONDS\n"
@@ -45,7 +45,8 @@ void print_usage(std::ostream& out) {
          "                     and exits 1\n"
          "  uuid [--random|--sequential|--legacy N] [--format hyphenated|compact|braced]\n"
          "       [-n COUNT]    make COUNT (1) identifiers, random by default\n"
-         "  uuid inspect TEXT  version, timestamp, sequence, node and legacy id of a UUID\n"
+         "  uuid inspect [--json] TEXT\n"
+         "                     version, timestamp, sequence, node and legacy id of a UUID\n"
          "  hash [--seed S] [FILE...]\n"
          "                     the 64-bit Murmur hash of each FILE (or standard input); without\n"
          "                     --seed the process seed is random, so values differ per run\n"
@@ -83,8 +84,9 @@ constexpr CommandHelp kCommandHelp[] = {
      "Usage: tqcore hex [-d] [-w COLS] [FILE]\n\nEncodes FILE (or standard input) as "
      "hexadecimal; -d decodes.\n\nExample:\n  printf foobar | tqcore hex\n"},
     {"time",
-     "Usage: tqcore time [now|TEXT|NANOSECONDS]\n\nShows a UTC time (now by default): both "
-     "text forms, the nanoseconds since\n1970 and the Julian date.\n\n"
+     "Usage: tqcore time [--json] [now|TEXT|NANOSECONDS]\n\nShows a UTC time (now by default): "
+     "both text forms, the nanoseconds since\n1970 and the Julian date; --json prints one JSON "
+     "object.\n\n"
      "Example:\n  tqcore time 2024-02-29T12:00:00Z\n"},
     {"duration",
      "Usage: tqcore duration TEXT|NANOSECONDS\n\nShows a duration in both text forms and in "
@@ -94,8 +96,9 @@ constexpr CommandHelp kCommandHelp[] = {
      "and text.\n\nExample:\n  tqcore datetime 2000-01-01T12:00:00+01:00\n"},
     {"uuid",
      "Usage: tqcore uuid [--random|--sequential|--legacy N] [--format hyphenated|compact|braced]\n"
-     "                   [-n COUNT]\n       tqcore uuid inspect TEXT\n\nMakes COUNT (1) "
-     "identifiers, random by default, or tells what one holds.\n\n"
+     "                   [-n COUNT]\n       tqcore uuid inspect [--json] TEXT\n\nMakes COUNT (1) "
+     "identifiers, random by default, or tells what one holds (--json: as one JSON "
+     "object).\n\n"
      "Example:\n  tqcore uuid --sequential -n 3\n"},
     {"hash",
      "Usage: tqcore hash [--seed S] [FILE...]\n\nPrints the 64-bit Murmur hash of each FILE (or "
@@ -280,12 +283,17 @@ int print_bad_text(char const* what, tqcore::ErrorInfo::Ptr const& error) {
   return 1;
 }
 
-void print_field(char const* label, std::string const& value) {
-  std::cout << label << std::string(14 - std::strlen(label), ' ') << value << '\n';
+void column_line(std::ostream& out, char const* label, std::string const& value) {
+  out << label << std::string(14 - std::strlen(label), ' ') << value << '\n';
 }
 
-int show_time(std::vector<std::string> const& args) {
-  if (args.size() > 1) return usage_error("usage: tqcore time [now|TEXT|NANOSECONDS]");
+void print_field(char const* label, std::string const& value) {
+  column_line(std::cout, label, value);
+}
+
+int show_time(std::vector<std::string> args) {
+  bool const json = tool::take_json_flag(&args);
+  if (args.size() > 1) return usage_error("usage: tqcore time [--json] [now|TEXT|NANOSECONDS]");
   using tqcore::AbsoluteTime;
   AbsoluteTime time = AbsoluteTime::now();
   long long nanoseconds = 0;
@@ -295,12 +303,14 @@ int show_time(std::vector<std::string> const& args) {
   } else if (tqcore::ErrorInfo::Ptr error = AbsoluteTime::from_string_nothrow(args[0], &time)) {
     return print_bad_text("time", error);
   }
-  print_field("text:", time.as_string());
-  print_field("ISO 8601:", time.as_iso8601_string());
-  print_field("nanoseconds:", std::to_string(time.as_nsec()));
   char julian[32];
   std::snprintf(julian, sizeof(julian), "%.9f", time.full_julian_date());
-  print_field("Julian date:", julian);
+  tool::Report report(json, column_line);
+  report.text("text", "text:", time.as_string());
+  report.text("iso8601", "ISO 8601:", time.as_iso8601_string());
+  report.number("nanoseconds", "nanoseconds:", std::to_string(time.as_nsec()));
+  report.number("julian_date", "Julian date:", julian);
+  report.print(std::cout);
   return 0;
 }
 
