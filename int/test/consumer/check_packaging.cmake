@@ -1,7 +1,8 @@
 # Installs the built library into a fresh prefix, then builds and runs the consumer project
 # against it twice: through the CMake package and through pkg-config.
+# Then builds the examples against the same installed tree and runs each.
 # Arguments: BUILD_DIR (the tqcore build), LIBDIR (its library folder below the prefix),
-# SOURCE_DIR (this folder), WORK_DIR (scratch).
+# SOURCE_DIR (this folder), EXAMPLES_DIR (the examples), WORK_DIR (scratch).
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -35,3 +36,14 @@ foreach(mode cmake pkgconfig)
   run(${build}/consumer)
   message(STATUS "consumer built and ran through ${mode}")
 endforeach()
+
+if(EXAMPLES_DIR)
+  set(build ${WORK_DIR}/examples)
+  run(${CMAKE_COMMAND} -S ${EXAMPLES_DIR} -B ${build} -G Ninja -DCMAKE_PREFIX_PATH=${prefix})
+  run(${CMAKE_COMMAND} --build ${build})
+  foreach(example async_result errors time_text keys_and_uuids)
+    run(${build}/${example})
+  endforeach()
+  run(${build}/base64_file ${EXAMPLES_DIR}/CMakeLists.txt)
+  message(STATUS "examples built and ran against the installed tree")
+endif()
