@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "test_support.h"
 #include "testing_seams.h"
 
 namespace tqcore {
@@ -88,12 +89,7 @@ TEST(Concurrency, ExceptionsCarryOneRecordAcrossThreads) {
   EXPECT_EQ(matched.load(), kThreads);
 }
 
-}  // namespace
-}  // namespace tqcore
-
 // Futures crossing threads; run under ThreadSanitizer too.
-namespace tqcore {
-namespace {
 
 TEST(FutureThreads, EveryWaiterIsReleasedAndLateWaitersDoNotBlock) {
   for (int round = 0; round < 20; ++round) {
@@ -155,12 +151,6 @@ TEST(FutureThreads, ExactlyOneOfManySettersWins) {
   EXPECT_GE(future.get(), 0);
 }
 
-}  // namespace
-}  // namespace tqcore
-
-namespace tqcore {
-namespace {
-
 TEST(FutureThreads, BarrierWaitsWhileOthersComplete) {
   std::vector<Future<int>> futures(6);
   AnyFutureBarrier barrier;
@@ -177,17 +167,8 @@ TEST(FutureThreads, BarrierWaitsWhileOthersComplete) {
             0u);
 }
 
-}  // namespace
-}  // namespace tqcore
-
 // Handlers completed on worker threads while callers wait, and completions racing cancels;
 // run under ThreadSanitizer too.
-namespace tqcore {
-namespace {
-
-ErrorInfo::Ptr worker_failure() {
-  return ErrorInfo::create(ErrorCode("error.test.worker"), "odd", SourceLocation("w", "r", 1));
-}
 
 // A few worker threads that complete whatever handlers they are given: even numbers succeed
 // with their square, odd ones fail.
@@ -232,7 +213,7 @@ class Workers {
       if (job.n % 2 == 0) {
         job.handler->on_async_result_success(job.n * job.n);
       } else {
-        job.handler->on_async_result_error(worker_failure());
+        job.handler->on_async_result_error(tqcore_test::failure("error.test.worker"));
       }
     }
   }
@@ -288,7 +269,7 @@ TEST(ResultThreads, SignalsRacingACancelAreSwallowedOrWin) {
     });
     threads.emplace_back([&] {
       try {
-        handler->on_async_result_error(worker_failure());
+        handler->on_async_result_error(tqcore_test::failure("error.test.worker"));
       } catch (ErrorException const&) {
         raised.fetch_add(1);  // only after the success above won
       }
@@ -311,12 +292,7 @@ TEST(ResultThreads, SignalsRacingACancelAreSwallowedOrWin) {
   }
 }
 
-}  // namespace
-}  // namespace tqcore
-
 // Identifiers and keys made on many threads at once; run under ThreadSanitizer too.
-namespace tqcore {
-namespace {
 
 template <class F>
 void on_threads(int count, F body) {
@@ -380,12 +356,7 @@ TEST(RandomThreads, FillsAndWordsFromManyThreads) {
   EXPECT_NE(buffers[2], buffers[3]);
 }
 
-}  // namespace
-}  // namespace tqcore
-
 // The lock and condition wrappers with real threads; run under ThreadSanitizer too.
-namespace tqcore {
-namespace {
 
 // True when another thread cannot take `mutex` at this moment.
 bool held_elsewhere(ThreadMutex& mutex) {

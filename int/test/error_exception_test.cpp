@@ -52,12 +52,6 @@ class FailingText : public ErrorException {
   std::string build_what_text() const override { throw std::bad_alloc(); }
 };
 
-}  // namespace
-}  // namespace tqcore
-
-namespace tqcore {
-namespace {
-
 SourceLocation const kHere("test::fn()", "$Id: //tqcore/int/test/error_mapping_test.cpp#1 $", 1);
 
 struct ErrnoCase {

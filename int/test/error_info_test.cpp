@@ -130,12 +130,6 @@ TEST_F(ErrorReport, MessageValuesAreCutAt16384Bytes) {
   EXPECT_NE(text.find("\nDescription: " + std::string(16384, 'q') + "...\n"), std::string::npos);
 }
 
-}  // namespace
-}  // namespace tqcore
-
-namespace tqcore {
-namespace {
-
 ErrorParams params_of(std::initializer_list<std::pair<char const*, char const*>> entries) {
   ErrorParams params;
   for (auto const& entry : entries) {

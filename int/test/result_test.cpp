@@ -87,12 +87,6 @@ TEST_F(PendingResult, CancelWithoutReasonSharesOneRecord) {
   EXPECT_EQ(raised_by([&] { result.throw_if_error(); }).get(), raised.get());
 }
 
-}  // namespace
-}  // namespace tqcore
-
-namespace tqcore {
-namespace {
-
 struct ThisThread : IThreadAffinity {
   bool is_current_thread() const override { return true; }
 };
@@ -142,16 +136,6 @@ TEST(Task, RecordsNameTheTaskAndTheOvertime) {
   }
 }
 
-}  // namespace
-}  // namespace tqcore
-
-namespace tqcore {
-namespace {
-
-ErrorInfo::Ptr failure() {
-  return ErrorInfo::create(ErrorCode("error.test.barrier"), "failed", SourceLocation("t", "b", 1));
-}
-
 struct Queries {
   bool any_ready, any_failed, any_successful, all_ready, all_failed, all_successful;
 };
@@ -167,7 +151,7 @@ AnyFutureBarrier barrier_of(std::string const& states) {
   for (char state : states) {
     Future<int> future;
     if (state == 'v') future.set(1);
-    if (state == 'e') future.set(failure());
+    if (state == 'e') future.set(tqcore_test::failure("error.test.barrier"));
     barrier.push_back(future);
   }
   return barrier;
@@ -213,7 +197,7 @@ TEST(AnyResultBarrier, CancelsWhatIsPendingAndRefusesEmptyResults) {
   EXPECT_EQ(barrier.size(), 2u);
   EXPECT_FALSE(barrier.all_ready());
   EXPECT_TRUE(barrier.any_successful());
-  barrier.cancel(failure());
+  barrier.cancel(tqcore_test::failure("error.test.barrier"));
   EXPECT_TRUE(barrier.wait(RelativeTime::zero));
   EXPECT_TRUE(pending.has_error());
   EXPECT_TRUE(pending.error_info()->matches(error::tqcore_result_cancelled));

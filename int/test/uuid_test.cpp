@@ -160,13 +160,8 @@ TEST(UuidSequential, AClockGoingBackStartsANewSequence) {
             std::string(reinterpret_cast<char const*>(back.bytes()) + 10, 4));
 }
 
-}  // namespace
-}  // namespace tqcore
-
 // Murmur hashing against MurmurHash3_x64_128 as published: with a seed below 2^32 the
 // library's value is the first word of the published pair.
-namespace tqcore {
-namespace {
 
 uint64_t reference_folded(std::string const& bytes, uint32_t seed) {
   return murmur_reference::folded(bytes.data(), bytes.size(), seed);
@@ -233,12 +228,7 @@ TEST(MurmurHash, WideTextHashesItsUtf16Form) {
             MurmurHashFunct()(std::string_view("a\0b\0", 4)));
 }
 
-}  // namespace
-}  // namespace tqcore
-
 // Object keys: identity, interning, the caches' weak hold, trace texts.
-namespace tqcore {
-namespace {
 
 template <class Key>
 std::string traced(Key const& key) {
