@@ -3,10 +3,10 @@
 # Usage: scripts/ensure-packages.sh build|test|bench|ci
 set -euo pipefail
 
-build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev)
-test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev)
+build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev libunwind-dev libdw-dev)
+test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev)
 ci_packages=(clang clang-tidy clang-format)
-bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev)
+bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;

@@ -12,6 +12,9 @@ int usage_error(std::string const& message);
 // The whole of a file, or of standard input for "" or "-".
 bool read_all(std::string const& path, std::string* text);
 
+// `tqcore stack [--max N]`: the tool's own symbolic backtrace.
+int run_stack(std::vector<std::string> const& args);
+
 // Removes "--json" from the arguments; true when it was there.
 bool take_json_flag(std::vector<std::string>* args);
 

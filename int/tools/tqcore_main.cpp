@@ -50,6 +50,8 @@ void print_usage(std::ostream& out) {
          "  hash [--seed S] [FILE...]\n"
          "                     the 64-bit Murmur hash of each FILE (or standard input); without\n"
          "                     --seed the process seed is random, so values differ per run\n"
+         "  stack [--max N]    the tool's own symbolic backtrace (N frames at most), one line\n"
+         "                     a frame: [ip]module!function(parameters) - file(line)+offset\n"
          "\n"
          "Options:\n"
          "  --help     show this text (COMMAND --help: that command's, with an example)\n"
@@ -104,6 +106,10 @@ constexpr CommandHelp kCommandHelp[] = {
      "Usage: tqcore hash [--seed S] [FILE...]\n\nPrints the 64-bit Murmur hash of each FILE (or "
      "standard input); without --seed\nthe process seed is random.\n\n"
      "Example:\n  tqcore hash --seed 1 README.md\n"},
+    {"stack",
+     "Usage: tqcore stack [--max N]\n\nPrints the tool's own symbolic backtrace, one line a "
+     "frame, as crash\nreports show them: [ip]module!function(parameters) - file(line)+offset."
+     "\n\nExample:\n  tqcore stack --max 4\n"},
 };
 
 // `tqcore COMMAND --help` (or -h) anywhere after the command: the command's own help.
@@ -386,6 +392,7 @@ int main(int argc, char** argv) {
     if (command == "datetime") return show_datetime(args);
     if (command == "uuid") return tool::run_uuid(args);
     if (command == "hash") return tool::run_hash(args);
+    if (command == "stack") return tool::run_stack(args);
     if (command == "base64" || command == "base32" || command == "hex") {
       return run_codec(command, args);
     }

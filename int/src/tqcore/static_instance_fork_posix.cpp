@@ -10,6 +10,7 @@ namespace impl {
 namespace {
 
 void before_fork() {
+  symbol_engine_before_fork();
   static_instance_before_fork();
   key_caches_before_fork();
   scope_check_before_fork();
@@ -23,6 +24,7 @@ void after_fork(bool in_child) {
   scope_check_after_fork();
   key_caches_after_fork();
   static_instance_after_fork();
+  symbol_engine_after_fork();
 }
 
 void after_fork_in_parent() { after_fork(false); }

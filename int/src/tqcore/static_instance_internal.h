@@ -7,6 +7,10 @@
 namespace tqcore {
 namespace impl {
 
+// The symbol engine's lock: taken first, since symbol work may reach every other family.
+void symbol_engine_before_fork() noexcept;
+void symbol_engine_after_fork() noexcept;
+
 // Static instances: the build lock, then the cleanup registry's lock.
 void static_instance_before_fork();
 void static_instance_after_fork();

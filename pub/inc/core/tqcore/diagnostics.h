@@ -11,6 +11,12 @@
 #include <tqcore/tqcore_export.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include <sys/ucontext.h>
 
 namespace tqcore {
 
@@ -47,5 +53,106 @@ TQCORE_EXPORT unsigned int dump_credit_period();
 TQCORE_EXPORT void write_default_trace(char const* tag, SourceLocation const& location,
                                        char const* message_template, char const* packed,
                                        size_t packed_size);
+
+// Whether a person sits at this process: standard input and error are terminals and the
+// controlling terminal opens. Asked once, then cached. A daemon or a service answers false.
+TQCORE_EXPORT bool is_interactive_session();
+
+// ---- Stack walking and symbolic frames -------------------------------------------------------
+//
+// Everything below is written for a process that is failing: bad memory is tested before it is
+// read, and failures become bracketed texts in the output ("<bad frame>", "=<unavail>", ...)
+// instead of errors. "Signal-safe" marks what may run inside a signal handler.
+
+// One frame of a walk. `unwound_sp` is the caller's stack pointer, that is, this frame's
+// stack pointer once the frame has been unwound.
+struct StackFrameRecord {
+  uint64_t unwound_sp;
+  uint64_t sp;
+  uint64_t ip;
+  uint64_t fp;
+};
+
+// Callers hold walks in arrays of this many records.
+constexpr unsigned int stack_frame_capacity = 128;
+
+// Walks the calling thread's stack from `context` (a signal's context: its first frame is the
+// interrupted instruction), or from the caller of this function when `context` is null, into
+// [begin, end). The outermost frame, whose caller is nothing, is left out. Returns the end of
+// what was filled. Signal-safe once the thread has walked once (the first walk of a thread
+// reads its stack bounds); never allocates.
+TQCORE_EXPORT StackFrameRecord* capture_stack_frames(ucontext_t const* context,
+                                                     StackFrameRecord* begin,
+                                                     StackFrameRecord* end) noexcept;
+
+// Holds the process's symbol engine for one scope: symbol work is exclusive across threads
+// from the first rendering in a session to its end, and nests on one thread. Not signal-safe.
+class TQCORE_EXPORT SymbolEngineSession {
+ public:
+  SymbolEngineSession() noexcept = default;
+  ~SymbolEngineSession();
+  SymbolEngineSession(SymbolEngineSession const&) = delete;
+  SymbolEngineSession& operator=(SymbolEngineSession const&) = delete;
+
+  // Takes the engine if this session does not hold it yet; false if it cannot be set up.
+  bool acquire();
+  bool is_held() const noexcept { return m_held; }
+
+ private:
+  bool m_held = false;
+};
+
+// One line a frame: `[ip]module!function(params) - file(line)+offset`. A frame whose
+// instruction lies in inlined code gives one line for each inlined function, innermost first,
+// then the function it was inlined into; all carry the frame's ip, the outer lines name the
+// call site as their file and line, and only the innermost carries the +offset. At most 8
+// parameters are shown, then ", <N omitted>". Not signal-safe.
+TQCORE_EXPORT void render_stack_frames(SymbolEngineSession& session, std::ostream& stream,
+                                       StackFrameRecord const* begin, StackFrameRecord const* end);
+// The cleaned name of the function at `ip` (a return address is looked up one byte before);
+// false, after writing "<no symbols,N>", where no symbol covers it.
+TQCORE_EXPORT bool render_frame_symbol(SymbolEngineSession& session, std::ostream& stream,
+                                       uint64_t ip);
+// " - file(line)" and "+offset" where it is not 0; nothing without line information.
+TQCORE_EXPORT void render_frame_line(SymbolEngineSession& session, std::ostream& stream,
+                                     uint64_t ip);
+
+// Shortens a demangled name in place and returns its new length: spaces that do not separate
+// two identifier characters go, a leading "stlp_std" or "stlpd_std" component becomes "std",
+// "__ptr64" and "__ptr32" go; a result longer than `limit` has its template arguments replaced
+// by "~" marks (`map<int,vector<char>>` -> `map<~,~>`). Signal-safe.
+TQCORE_EXPORT size_t clean_decorated_name(char* name, size_t length, size_t limit) noexcept;
+// Whether a class name is one of the known smart pointers, by a deliberately lax test: each
+// column of the name before its "<" must match that column of some known name. Signal-safe.
+TQCORE_EXPORT bool is_smart_pointer_type_name(std::string_view name) noexcept;
+
+// Hex dump of [begin, end) in 8-byte words, four a row, each row labelled with its address;
+// unreadable words show as "????????????????". Not signal-safe (streams allocate).
+TQCORE_EXPORT void dump_memory_region(std::ostream& stream, uint64_t begin, uint64_t end);
+// As dump_memory_region, with the middle elided when the range is longer than
+// `head` + `tail` + 32 bytes.
+TQCORE_EXPORT void dump_memory_range(std::ostream& stream, uint64_t begin, uint64_t end,
+                                     uint64_t head, uint64_t tail);
+// The stack from `start_sp` to its top, a stretch a frame, elided, with a "> Frame" line
+// after each of the first `frame_limit` frames.
+TQCORE_EXPORT void dump_stack(std::ostream& stream, uint64_t start_sp,
+                              StackFrameRecord const* begin, StackFrameRecord const* end,
+                              unsigned int frame_limit);
+// The same from a signal's context (its stack pointer), or from the caller when it is null.
+TQCORE_EXPORT void dump_stack(std::ostream& stream, ucontext_t const* context,
+                              StackFrameRecord const* begin, StackFrameRecord const* end,
+                              unsigned int frame_limit);
+// The general, control, segment and XMM registers of a context as one line of text.
+// Allocates; not signal-safe.
+TQCORE_EXPORT std::string format_registers(ucontext_t const& context);
+
+// The symbolic trace of the calling thread, one line a frame, without this function's own
+// frames and `skip_frames` more; `max_frames` 0 means all. "<failed>" if anything goes wrong.
+TQCORE_EXPORT std::string get_stack_backtrace(unsigned int skip_frames = 0,
+                                              unsigned int max_frames = 0);
+
+// Readies the walker for the calling thread (its stack bounds) so that a later walk in a
+// failing process neither allocates nor reads files. Symbols load at the first rendering.
+TQCORE_EXPORT void preinitialize_diagnostics_libraries();
 
 }  // namespace tqcore
