@@ -2,6 +2,7 @@
 // counting every pthread_mutex_lock the process makes (this executable's definition comes first
 // in symbol lookup, for the library and ACE alike).
 #include <tqcore/abs_rel_time.h>
+#include <tqcore/diagnostics.h>
 #include <tqcore/error_exception.h>
 #include <tqcore/murmur_hash.h>
 #include <tqcore/object_key.h>
@@ -203,6 +204,22 @@ TEST(Allocation, AStringKeyThatHitsAllocatesOnlyItsToken) {
 TEST(Allocation, CountingReallyCounts) {
   EXPECT_EQ(allocations_of([] { return SourceString("a copy"); }), 1);
   EXPECT_GE(locks_of([] { return Future<int>().set(1); }), 1);
+}
+
+// A walk of a thread that has walked before is what a failing process can afford.
+TEST(Allocation, WarmStackWalkAllocatesNothingAndTakesNoLock) {
+  StackFrameRecord frames[stack_frame_capacity];
+  auto walk = [&] { return capture_stack_frames(nullptr, frames, frames + stack_frame_capacity); };
+  EXPECT_GT(walk() - frames, 3);
+  // The first round's frames are new to the walker; the second walks the same path again.
+  long allocations = -1;
+  long locks = -1;
+  for (int round = 0; round < 2; ++round) {
+    allocations = allocations_of(walk);
+    locks = locks_of(walk);
+  }
+  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(locks, 0);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ostream>
@@ -86,6 +87,7 @@ void write_clean_name(std::ostream& stream, std::string name) {
 
 std::string readable_name(char const* linkage_name) {
   std::string name = demangle(linkage_name);
+  name.erase(std::min(name.find('@'), name.size()));  // a symbol's version: "f@@GLIBC_2.34"
   strip_function_signature(name);
   return name;
 }
@@ -107,6 +109,11 @@ std::string function_name(Dwarf_Die* die, Dwfl_Module* module, uint64_t pc) {
   return plain != nullptr ? plain : "";
 }
 
+bool is_function(Dwarf_Die* die) {
+  int const tag = dwarf_tag(die);
+  return tag == DW_TAG_inlined_subroutine || tag == DW_TAG_subprogram;
+}
+
 // The functions at an instruction, innermost first: inlined ones, then the out-of-line one.
 class FrameFunctions {
  public:
@@ -116,11 +123,17 @@ class FrameFunctions {
     if (unit == nullptr) return;
     m_unit = *unit;
     m_pc = pc - bias;
-    int const n = dwarf_getscopes(&m_unit, m_pc, &m_scopes);
-    for (int i = 0; i < n && m_count < kMaxFunctionsAtOneAddress; ++i) {
-      int const tag = dwarf_tag(&m_scopes[i]);
-      if (tag == DW_TAG_inlined_subroutine || tag == DW_TAG_subprogram) m_functions[m_count++] = i;
-      if (tag == DW_TAG_subprogram) break;
+    // The scopes at an address run from an inlined function into its abstract definition;
+    // the chain of callers it was inlined into is the parents of its concrete instance.
+    Dwarf_Die* scopes = nullptr;
+    int const n = dwarf_getscopes(&m_unit, m_pc, &scopes);
+    int innermost = 0;
+    while (innermost < n && !is_function(&scopes[innermost])) ++innermost;
+    int const chain = innermost < n ? dwarf_getscopes_die(&scopes[innermost], &m_scopes) : 0;
+    std::free(scopes);
+    for (int i = 0; i < chain && m_count < kMaxFunctionsAtOneAddress; ++i) {
+      if (is_function(&m_scopes[i])) m_functions[m_count++] = i;
+      if (dwarf_tag(&m_scopes[i]) == DW_TAG_subprogram) break;
     }
   }
   ~FrameFunctions() { std::free(m_scopes); }
