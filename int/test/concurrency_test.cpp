@@ -1,5 +1,6 @@
 // Threads sharing the error model's values; run under ThreadSanitizer by the tsan preset.
 #include <tqcore/barrier.h>
+#include <tqcore/diagnostics.h>
 #include <tqcore/error_exception.h>
 #include <tqcore/future.h>
 #include <tqcore/object_key.h>
@@ -415,6 +416,37 @@ TEST(ThreadPrimitives, DeadlinesTimeOutWithTheMutexHeld) {
   EXPECT_EQ(condition.wait(&past), -1);
   EXPECT_EQ(past, copy);  // the caller's value is not touched
   mutex.release();
+}
+
+// Threads learning frame shapes into the shared table at once still walk exactly what one
+// thread walks alone, and render while others hold the symbol engine.
+__attribute__((noinline)) std::vector<uint64_t> walk_at_depth(int depth) {
+  if (depth > 0) {
+    std::vector<uint64_t> ips = walk_at_depth(depth - 1);
+    ips.push_back(static_cast<uint64_t>(depth));  // not a tail call
+    return ips;
+  }
+  StackFrameRecord frames[stack_frame_capacity];
+  StackFrameRecord* end = capture_stack_frames(nullptr, frames, frames + stack_frame_capacity);
+  std::vector<uint64_t> ips;
+  for (StackFrameRecord* frame = frames + 1; frame != end; ++frame) ips.push_back(frame->sp);
+  return ips;
+}
+
+TEST(StackThreads, ConcurrentWalksAgreeWithTheirOwnFirstWalk) {
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&mismatches, t] {
+      std::vector<uint64_t> const first = walk_at_depth(10 + t);
+      for (int i = 0; i < 200; ++i) {
+        if (walk_at_depth(10 + t) != first) ++mismatches;
+        if (i % 50 == 0 && get_stack_backtrace(0, 2).empty()) ++mismatches;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 namespace stack_chain {
 
-__attribute__((noinline)) std::string nine(Probe probe, int a, int b, int c, int d, int e,
-                                           int f, int g, int h) {
+__attribute__((noinline)) std::string nine(Probe probe, int a, int b, int c, int d, int e, int f,
+                                           int g, int h) {
   return probe() + std::to_string(a + b + c + d + e + f + g + h);
 }
 

@@ -19,7 +19,8 @@ __attribute__((noinline)) std::string get_stack_backtrace(unsigned int skip_fram
     unsigned int const skip = 2 + std::min(skip_frames, stack_frame_capacity - 2);
     unsigned int const room = stack_frame_capacity - skip;
     unsigned int const wanted = max_frames == 0 ? room : std::min(max_frames, room);
-    StackFrameRecord const* const end = capture_stack_frames(nullptr, frames, frames + skip + wanted);
+    StackFrameRecord const* const end =
+        capture_stack_frames(nullptr, frames, frames + skip + wanted);
     if (end > frames + skip) {
       std::ostringstream stream;
       SymbolEngineSession session;

@@ -1,6 +1,5 @@
 // Hex dumps of memory and of the stack between frames, elided so that a report stays short.
 #include <cstdio>
-#include <cstring>
 #include <ostream>
 
 #include "diagnostics_impl_internal.h"
@@ -28,7 +27,7 @@ void write_word(std::ostream& stream, uint64_t address, bool test_each) {
   if (test_each) {
     readable = impl::read_memory(address, &word, sizeof(word));
   } else {
-    std::memcpy(&word, reinterpret_cast<void const*>(address), sizeof(word));  // tested whole
+    word = impl::load_word(address);  // the region was tested whole
   }
   char text[24];
   if (readable) {

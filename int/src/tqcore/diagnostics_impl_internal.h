@@ -4,6 +4,8 @@
 
 #include <tqcore/diagnostics.h>
 
+#include <pthread.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -16,6 +18,9 @@ namespace impl {
 // Signal-safe.
 bool read_memory(uint64_t address, void* out, size_t size) noexcept;
 bool is_readable(uint64_t address, size_t size) noexcept;
+// One 8-byte word the caller knows to be readable. Stack words between frames may lie in a
+// sanitizer's red zones, which a dump reads on purpose. Signal-safe.
+uint64_t load_word(uint64_t address) noexcept;
 // Whether `address` lies in an executable mapping. Signal-safe.
 bool is_code_address(uint64_t address) noexcept;
 
@@ -25,6 +30,13 @@ struct StackBounds {
 };
 // The calling thread's stack, cached at the first call of each thread (which may allocate).
 StackBounds thread_stack_bounds() noexcept;
+
+// A recursive lock records its owner's thread id, which a forked child's thread does not
+// have: the child cannot unlock what its parent's thread took before fork, so it starts the
+// lock afresh (it is the child's only thread).
+inline void reset_recursive_lock(pthread_mutex_t& lock) noexcept {
+  lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+}
 
 // A demangled function name reduced to its qualified name: no return type, no parameter list,
 // no trailing qualifiers.

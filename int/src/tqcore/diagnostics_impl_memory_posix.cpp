@@ -109,6 +109,11 @@ bool read_memory(uint64_t address, void* out, size_t size) noexcept {
   return false;
 }
 
+__attribute__((no_sanitize("address", "hwaddress", "thread"))) uint64_t load_word(
+    uint64_t address) noexcept {
+  return *reinterpret_cast<uint64_t const volatile*>(address);
+}
+
 bool is_readable(uint64_t address, size_t size) noexcept {
   char probe[256];
   while (size > 0) {

@@ -13,19 +13,17 @@ namespace tqcore {
 namespace {
 
 constexpr char const* kSmartPointerTypeNames[] = {
-    "tqcore::RefCountPtr",  "tqcore::InterfacePtr", "tqcore::ScopedPtr",
-    "tqcore::MovePtr",      "tqcore::StrongPtr",    "tqcore::WeakPtr",
-    "stlp_std::auto_ptr",   "stlpd_std::auto_ptr",  "std::auto_ptr",
-    "boost::scoped_ptr",    "boost::scoped_array",  "boost::shared_ptr",
-    "boost::shared_array",  "boost::intrusive_ptr", "TqUtil::ObjectPtr",
-    "TqUtil::CScopedPtr",   "TqUtil::CScopedArray", "TqUtil::CSharedPtr",
-    "TqUtil::CSharedArray", "TqUtil::InterfacePtr", "TqUtil::CStrongRefPtr",
-    "TqUtil::CWeakRefPtr"};
+    "tqcore::RefCountPtr",   "tqcore::InterfacePtr", "tqcore::ScopedPtr",    "tqcore::MovePtr",
+    "tqcore::StrongPtr",     "tqcore::WeakPtr",      "stlp_std::auto_ptr",   "stlpd_std::auto_ptr",
+    "std::auto_ptr",         "boost::scoped_ptr",    "boost::scoped_array",  "boost::shared_ptr",
+    "boost::shared_array",   "boost::intrusive_ptr", "TqUtil::ObjectPtr",    "TqUtil::CScopedPtr",
+    "TqUtil::CScopedArray",  "TqUtil::CSharedPtr",   "TqUtil::CSharedArray", "TqUtil::InterfacePtr",
+    "TqUtil::CStrongRefPtr", "TqUtil::CWeakRefPtr"};
 
 bool is_identifier_char(char c) {
   auto const u = static_cast<unsigned char>(c);
-  return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
-         c == '_' || c == ':' || u >= 0x80;
+  return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || c == '_' ||
+         c == ':' || u >= 0x80;
 }
 
 // A space stays only between two identifier characters: the one written last and the next.

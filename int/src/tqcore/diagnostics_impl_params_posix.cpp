@@ -134,7 +134,8 @@ void write_base_value(std::ostream& stream, Dwarf_Die* type, uint64_t bytes, siz
                       uint64_t address) {
   uint64_t const encoding = attribute_number(type, DW_AT_encoding);
   char const* name = dwarf_diename(type);
-  bool const wide = encoding == DW_ATE_UTF || (name != nullptr && std::strcmp(name, "wchar_t") == 0);
+  bool const wide =
+      encoding == DW_ATE_UTF || (name != nullptr && std::strcmp(name, "wchar_t") == 0);
   bool const integral_size = size == 1 || size == 2 || size == 4 || size == 8;
   stream << '=';
   if (encoding == DW_ATE_boolean && size == 1) {
@@ -249,8 +250,8 @@ std::string qualified_type_name(Dwarf_Die* type) {
     int const tag = dwarf_tag(&scopes[i]);
     if (tag != DW_TAG_namespace && !is_class_tag(tag)) continue;
     char const* scope_name = dwarf_diename(&scopes[i]);
-    name.insert(0, std::string(scope_name != nullptr ? scope_name : "(anonymous namespace)") +
-                       "::");
+    name.insert(0,
+                std::string(scope_name != nullptr ? scope_name : "(anonymous namespace)") + "::");
   }
   std::free(scopes);
   return name;

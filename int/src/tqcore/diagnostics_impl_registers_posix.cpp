@@ -33,12 +33,13 @@ unsigned long long reg(ucontext_t const& context, int index) {
 }
 
 void add_general(Text& text, ucontext_t const& c) {
-  text.add("RAX=%016llx, RBX=%016llx, RCX=%016llx, RDX=%016llx, RSI=%016llx, RDI=%016llx, "
-           "R8=%016llx, R9=%016llx, R10=%016llx, R11=%016llx, R12=%016llx, R13=%016llx, "
-           "R14=%016llx, R15=%016llx",
-           reg(c, REG_RAX), reg(c, REG_RBX), reg(c, REG_RCX), reg(c, REG_RDX), reg(c, REG_RSI),
-           reg(c, REG_RDI), reg(c, REG_R8), reg(c, REG_R9), reg(c, REG_R10), reg(c, REG_R11),
-           reg(c, REG_R12), reg(c, REG_R13), reg(c, REG_R14), reg(c, REG_R15));
+  text.add(
+      "RAX=%016llx, RBX=%016llx, RCX=%016llx, RDX=%016llx, RSI=%016llx, RDI=%016llx, "
+      "R8=%016llx, R9=%016llx, R10=%016llx, R11=%016llx, R12=%016llx, R13=%016llx, "
+      "R14=%016llx, R15=%016llx",
+      reg(c, REG_RAX), reg(c, REG_RBX), reg(c, REG_RCX), reg(c, REG_RDX), reg(c, REG_RSI),
+      reg(c, REG_RDI), reg(c, REG_R8), reg(c, REG_R9), reg(c, REG_R10), reg(c, REG_R11),
+      reg(c, REG_R12), reg(c, REG_R13), reg(c, REG_R14), reg(c, REG_R15));
 }
 
 // CS, GS, FS and SS share one word, 16 bits each from the bottom.
@@ -50,8 +51,8 @@ void add_control(Text& text, ucontext_t const& c) {
   text.add(", RBP=%016llx", reg(c, REG_RBP));
   text.add(", RIP=%016llx%s", reg(c, REG_RIP),
            impl::is_code_address(reg(c, REG_RIP)) ? "" : "<bad code ptr>");
-  text.add(", EFLAGS=%08llx, CS=%04llx, SS=%04x", reg(c, REG_EFL) & 0xffffffffu,
-           segments & 0xffff, ss);
+  text.add(", EFLAGS=%08llx, CS=%04llx, SS=%04x", reg(c, REG_EFL) & 0xffffffffu, segments & 0xffff,
+           ss);
 }
 
 // DS and ES are not in the context; in 64-bit user mode they hold 0.

@@ -74,7 +74,7 @@ char const* base_name(char const* path) {
 void write_prefix(std::ostream& stream, uint64_t ip, Dwfl_Module* module) {
   stream << '[' << streamers::Pointer(reinterpret_cast<void*>(ip)) << ']';
   char const* name = module != nullptr ? dwfl_module_info(module, nullptr, nullptr, nullptr,
-                                                           nullptr, nullptr, nullptr, nullptr)
+                                                          nullptr, nullptr, nullptr, nullptr)
                                        : nullptr;
   stream << (name != nullptr ? base_name(name) : "<unknown module>") << '!';
 }
@@ -96,8 +96,7 @@ std::string readable_name(char const* linkage_name) {
 // table's name of an out-of-line function still carries the qualification.
 std::string function_name(Dwarf_Die* die, Dwfl_Module* module, uint64_t pc) {
   Dwarf_Attribute attribute;
-  char const* linkage =
-      dwarf_formstring(dwarf_attr_integrate(die, DW_AT_linkage_name, &attribute));
+  char const* linkage = dwarf_formstring(dwarf_attr_integrate(die, DW_AT_linkage_name, &attribute));
   if (linkage == nullptr) {
     linkage = dwarf_formstring(dwarf_attr_integrate(die, DW_AT_MIPS_linkage_name, &attribute));
   }
@@ -245,7 +244,13 @@ void render_without_engine(std::ostream& stream, StackFrameRecord const& frame) 
 }  // namespace
 
 void symbol_engine_before_fork() noexcept { pthread_mutex_lock(&g_engine.lock); }
-void symbol_engine_after_fork() noexcept { pthread_mutex_unlock(&g_engine.lock); }
+void symbol_engine_after_fork(bool in_child) noexcept {
+  if (in_child) {
+    reset_recursive_lock(g_engine.lock);
+  } else {
+    pthread_mutex_unlock(&g_engine.lock);
+  }
+}
 
 }  // namespace impl
 

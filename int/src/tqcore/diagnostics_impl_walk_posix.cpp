@@ -8,10 +8,13 @@
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstring>
 
 #include "diagnostics_impl_internal.h"
+#include "static_instance_internal.h"
 
 namespace tqcore {
 namespace {
@@ -41,16 +44,27 @@ constexpr unsigned int kSlotBits = 11;
 uint64_t tag_of(uint64_t ip) { return (ip ^ (ip >> 24)) & 0xffffff; }
 
 uint64_t pack(Shape const& s, uint64_t ip) {
-  return 1 | uint64_t{s.outermost} << 1 | uint64_t{s.cfa_from_fp} << 2 |
-         uint64_t{s.fp_saved} << 3 | (static_cast<uint64_t>(s.cfa_offset) & kOffsetMask) << 4 |
-         (static_cast<uint64_t>(s.fp_offset) & kOffsetMask) << (4 + kOffsetBits) |
-         tag_of(ip) << 40;
+  return 1 | uint64_t{s.outermost} << 1 | uint64_t{s.cfa_from_fp} << 2 | uint64_t{s.fp_saved} << 3 |
+         (static_cast<uint64_t>(s.cfa_offset) & kOffsetMask) << 4 |
+         (static_cast<uint64_t>(s.fp_offset) & kOffsetMask) << (4 + kOffsetBits) | tag_of(ip) << 40;
 }
 
 int32_t signed_field(uint64_t word, int shift) {
   auto const raw = static_cast<int32_t>((word >> shift) & kOffsetMask);
   return raw >= kOffsetLimit ? raw - 2 * kOffsetLimit : raw;
 }
+
+// libunwind's own locks have no fork handlers: all its use goes through this lock, which ours
+// have. Recursive, for a fault signal that arrives while its thread walks.
+pthread_mutex_t g_unwinderLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+class UnwinderLock {
+ public:
+  UnwinderLock() noexcept { pthread_mutex_lock(&g_unwinderLock); }
+  ~UnwinderLock() { pthread_mutex_unlock(&g_unwinderLock); }
+  UnwinderLock(UnwinderLock const&) = delete;
+  UnwinderLock& operator=(UnwinderLock const&) = delete;
+};
 
 // Two threads storing different addresses into one slot at once can leave one's key with the
 // other's shape; the tag catches that, since the shape carries its own address's tag.
@@ -88,7 +102,7 @@ bool fits(int64_t offset) { return offset >= -kOffsetLimit && offset < kOffsetLi
 // which validates what it reads.
 bool read_stack_word(impl::StackBounds const& stack, uint64_t address, uint64_t& out) {
   if (address < stack.low || address + 8 > stack.high || (address & 7) != 0) return false;
-  std::memcpy(&out, reinterpret_cast<void const*>(address), 8);
+  out = impl::load_word(address);
   return true;
 }
 
@@ -152,6 +166,7 @@ class Walker {
   }
 
   void slow_step() {
+    UnwinderLock const locked;
     if (!m_in_sync) resync();
     bool const signal_frame = unw_is_signal_frame(&m_cursor) > 0;
     bool const learnable = !signal_frame && !m_exact_ip;
@@ -223,6 +238,17 @@ class Walker {
 };
 
 }  // namespace
+
+namespace impl {
+void unwinder_before_fork() noexcept { pthread_mutex_lock(&g_unwinderLock); }
+void unwinder_after_fork(bool in_child) noexcept {
+  if (in_child) {
+    reset_recursive_lock(g_unwinderLock);
+  } else {
+    pthread_mutex_unlock(&g_unwinderLock);
+  }
+}
+}  // namespace impl
 
 __attribute__((noinline)) StackFrameRecord* capture_stack_frames(ucontext_t const* context,
                                                                  StackFrameRecord* begin,

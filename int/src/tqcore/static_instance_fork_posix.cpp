@@ -11,6 +11,7 @@ namespace {
 
 void before_fork() {
   symbol_engine_before_fork();
+  unwinder_before_fork();
   static_instance_before_fork();
   key_caches_before_fork();
   scope_check_before_fork();
@@ -24,7 +25,8 @@ void after_fork(bool in_child) {
   scope_check_after_fork();
   key_caches_after_fork();
   static_instance_after_fork();
-  symbol_engine_after_fork();
+  unwinder_after_fork(in_child);
+  symbol_engine_after_fork(in_child);
 }
 
 void after_fork_in_parent() { after_fork(false); }

@@ -9,7 +9,10 @@ namespace impl {
 
 // The symbol engine's lock: taken first, since symbol work may reach every other family.
 void symbol_engine_before_fork() noexcept;
-void symbol_engine_after_fork() noexcept;
+void symbol_engine_after_fork(bool in_child) noexcept;
+// The stack walker's lock around libunwind, whose own locks have none.
+void unwinder_before_fork() noexcept;
+void unwinder_after_fork(bool in_child) noexcept;
 
 // Static instances: the build lock, then the cleanup registry's lock.
 void static_instance_before_fork();
