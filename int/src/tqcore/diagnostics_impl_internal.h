@@ -18,9 +18,20 @@ namespace impl {
 // Signal-safe.
 bool read_memory(uint64_t address, void* out, size_t size) noexcept;
 bool is_readable(uint64_t address, size_t size) noexcept;
+// While one lives on a thread, is_readable there remembers the pages it found readable. For
+// the span of one rendering, where memory is read, not unmapped.
+class ReadablePageMemo {
+ public:
+  ReadablePageMemo() noexcept;
+  ~ReadablePageMemo();
+  ReadablePageMemo(ReadablePageMemo const&) = delete;
+  ReadablePageMemo& operator=(ReadablePageMemo const&) = delete;
+};
 // One 8-byte word the caller knows to be readable. Stack words between frames may lie in a
 // sanitizer's red zones, which a dump reads on purpose. Signal-safe.
 uint64_t load_word(uint64_t address) noexcept;
+// The base of the loaded object that holds `address`; false outside every object. Signal-safe.
+bool object_base(uint64_t address, uint64_t& base) noexcept;
 // Whether `address` lies in an executable mapping. Signal-safe.
 bool is_code_address(uint64_t address) noexcept;
 

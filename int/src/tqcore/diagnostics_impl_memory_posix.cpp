@@ -96,11 +96,54 @@ struct ThreadStack {
 // Initial-exec: a signal handler's first touch of a dynamic TLS block could allocate.
 __attribute__((tls_model("initial-exec"))) thread_local ThreadStack t_stack{};
 
+// Pages found readable while a rendering is under way: a frame's parameters point into the
+// same few pages again and again, and each question to the kernel is a system call.
+struct ReadablePages {
+  int depth;
+  unsigned int next;
+  uint64_t pages[16];
+};
+__attribute__((tls_model("initial-exec"))) thread_local ReadablePages t_readable{};
+constexpr uint64_t kPageBits = 12;
+
+bool known_readable(uint64_t address, size_t size) {
+  if (t_readable.depth == 0 || size == 0) return false;
+  uint64_t const first = address >> kPageBits;
+  uint64_t const last = (address + size - 1) >> kPageBits;
+  for (uint64_t page = first; page <= last; ++page) {
+    bool found = false;
+    for (uint64_t known : t_readable.pages) found = found || known == page + 1;
+    if (!found) return false;
+  }
+  return true;
+}
+
+void remember_readable(uint64_t address, size_t size) {
+  if (t_readable.depth == 0 || size == 0) return;
+  for (uint64_t page = address >> kPageBits; page <= (address + size - 1) >> kPageBits; ++page) {
+    t_readable.pages[t_readable.next++ % 16] = page + 1;  // 0 marks an empty slot
+  }
+}
+
 }  // namespace
+
+// The calling thread's stack above its current frame is mapped and live: it is read without
+// asking the kernel. The copy may cross a sanitizer's red zones on purpose.
+__attribute__((no_sanitize("address", "hwaddress", "thread"))) bool read_live_stack(
+    uint64_t address, void* out, size_t size) noexcept {
+  StackBounds const stack = thread_stack_bounds();
+  auto const here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  if (address < here || address > stack.high || stack.high - address < size) return false;
+  auto const* from = reinterpret_cast<unsigned char const volatile*>(address);
+  auto* to = static_cast<unsigned char*>(out);
+  for (size_t i = 0; i < size; ++i) to[i] = from[i];
+  return true;
+}
 
 bool read_memory(uint64_t address, void* out, size_t size) noexcept {
   if (size == 0) return true;
   if (address + size < address) return false;
+  if (read_live_stack(address, out, size)) return true;
   iovec local{out, size};
   iovec remote{reinterpret_cast<void*>(address), size};
   ssize_t const n = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
@@ -115,6 +158,12 @@ __attribute__((no_sanitize("address", "hwaddress", "thread"))) uint64_t load_wor
 }
 
 bool is_readable(uint64_t address, size_t size) noexcept {
+  StackBounds const stack = thread_stack_bounds();
+  auto const here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  if (address >= here && address <= stack.high && stack.high - address >= size) return true;
+  if (known_readable(address, size)) return true;
+  uint64_t const start = address;
+  size_t const length = size;
   char probe[256];
   while (size > 0) {
     size_t const piece = std::min(size, sizeof(probe));
@@ -122,6 +171,19 @@ bool is_readable(uint64_t address, size_t size) noexcept {
     address += piece;
     size -= piece;
   }
+  remember_readable(start, length);
+  return true;
+}
+
+ReadablePageMemo::ReadablePageMemo() noexcept { t_readable.depth += 1; }
+ReadablePageMemo::~ReadablePageMemo() {
+  if (--t_readable.depth == 0) t_readable = ReadablePages{};
+}
+
+bool object_base(uint64_t address, uint64_t& base) noexcept {
+  dl_find_object object;
+  if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0) return false;
+  base = reinterpret_cast<uint64_t>(object.dlfo_map_start);
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ostream>
+#include <unordered_map>
 
 #include <tqcore/streamers.h>
 
@@ -161,28 +162,42 @@ void write_base_value(std::ostream& stream, Dwarf_Die* type, uint64_t bytes, siz
   }
 }
 
-// "->" and the object a smart pointer or a pointer to one refers to; nothing more for null.
-void follow_pointer(std::ostream& stream, uint64_t target) {
+// A pointer, and "<inv ptr>" behind it when its target cannot be read; false for null or
+// unreadable, where the output ends.
+bool follow_pointer(std::ostream& stream, uint64_t target) {
   stream << streamers::Pointer(reinterpret_cast<void*>(target));
-  if (target != 0 && !is_readable(target, 1)) stream << "<inv ptr>";
+  if (target == 0) return false;
+  if (is_readable(target, 1)) return true;
+  stream << "<inv ptr>";
+  return false;
 }
+
+// A class's qualified name takes a walk of its whole unit to find: the answer is kept by the
+// address of the class's debugging entry.
+std::unordered_map<void const*, bool>* g_smartClasses = nullptr;
 
 bool is_smart_pointer_class(Dwarf_Die* type) {
   Dwarf_Word size = 0;
-  return is_class_tag(dwarf_tag(type)) && dwarf_aggregate_size(type, &size) == 0 && size >= 8 &&
-         is_smart_pointer_type_name(qualified_type_name(type));
+  if (!is_class_tag(dwarf_tag(type)) || dwarf_aggregate_size(type, &size) != 0 || size < 8) {
+    return false;
+  }
+  if (g_smartClasses == nullptr) g_smartClasses = new std::unordered_map<void const*, bool>();
+  auto const known = g_smartClasses->find(type->addr);
+  if (known != g_smartClasses->end()) return known->second;
+  bool const smart = is_smart_pointer_type_name(qualified_type_name(type));
+  g_smartClasses->emplace(type->addr, smart);
+  return smart;
 }
 
+// A pointer to a smart pointer shows one level further: what that one holds.
 void write_pointer_value(std::ostream& stream, Dwarf_Die* type, uint64_t value) {
   stream << '=';
-  follow_pointer(stream, value);
   Dwarf_Die pointee;
-  if (value == 0 || !is_readable(value, 1) || !type_of(type, pointee) ||
-      !is_smart_pointer_class(&pointee)) {
+  uint64_t inner = 0;
+  if (!follow_pointer(stream, value) || !type_of(type, pointee) ||
+      !is_smart_pointer_class(&pointee) || !read_memory(value, &inner, 8)) {
     return;
   }
-  uint64_t inner = 0;
-  read_memory(value, &inner, 8);
   stream << "->";
   follow_pointer(stream, inner);
 }
@@ -255,6 +270,10 @@ std::string qualified_type_name(Dwarf_Die* type) {
   }
   std::free(scopes);
   return name;
+}
+
+void forget_type_names() {
+  if (g_smartClasses != nullptr) g_smartClasses->clear();
 }
 
 void render_frame_parameters(ParameterRenderState& state, FunctionScope const& scope) {

@@ -23,6 +23,9 @@ struct FunctionScope {
 void render_frame_parameters(ParameterRenderState& state, FunctionScope const& scope);
 // A class's name with its namespaces and enclosing classes.
 std::string qualified_type_name(Dwarf_Die* type);
+// Drops what the parameter renderer remembers of types, when the modules change. Under the
+// symbol engine's lock, as all parameter rendering is.
+void forget_type_names();
 
 }  // namespace impl
 }  // namespace tqcore

@@ -9,6 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ostream>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 #include <tqcore/streamers.h>
 
@@ -30,15 +34,42 @@ Dwfl_Callbacks const kCallbacks{dwfl_linux_proc_find_elf, dwfl_standard_find_deb
 // The module list and the debugging information read so far stay between renderings: reading
 // them is the slow part of a report, and nothing here needs a fresh start. A module loaded
 // since is found by reading the list again when an address lies in none.
+struct FrameText;
+using FrameTexts = std::unordered_map<uint64_t, FrameText>;
+
 struct SymbolEngine {
   pthread_mutex_t lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
   unsigned int use_count = 0;
   Dwfl* dwfl = nullptr;
-  bool reread = false;  // in the current outermost session
+  bool reread = false;            // in the current outermost session
+  FrameTexts* texts = nullptr;    // never freed: a report may run during exit
 };
 SymbolEngine g_engine;
 
+// What a frame's lines say that does not depend on the call, worked out once an address: the
+// debugging information is searched by walking it, which costs far more than the rendering.
+struct FunctionText {
+  std::string name;
+  Dwarf_Die function;
+  Dwarf_Die subprogram;
+  std::string place;  // " - file(line)+offset", or for an outer function its call site
+};
+struct FrameText {
+  std::string module;  // "name!" or "<unknown module>!"
+  uint64_t object = 0;  // the loaded object's base, to tell that it is still there
+  Dwarf_Addr dwarf_pc = 0;
+  std::vector<FunctionText> functions;  // none without debugging information
+  bool has_symbol = false;
+  std::string symbol;  // without debugging information: the symbol table's name, or
+                       // "<no symbols,N>"
+  std::string line;    // and its source line
+};
+constexpr size_t kFrameTextLimit = 8192;
+
 bool report_modules(Dwfl* dwfl) {
+  // Modules that went away take their debugging information with them.
+  if (g_engine.texts != nullptr) g_engine.texts->clear();
+  forget_type_names();
   dwfl_report_begin(dwfl);
   int const failed = dwfl_linux_proc_report(dwfl, getpid());
   return dwfl_report_end(dwfl, nullptr, nullptr) == 0 && failed == 0;
@@ -52,6 +83,7 @@ bool start_engine() {
     dwfl_end(dwfl);
     return false;
   }
+  if (g_engine.texts == nullptr) g_engine.texts = new FrameTexts();
   g_engine.dwfl = dwfl;
   return true;
 }
@@ -71,18 +103,21 @@ char const* base_name(char const* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-void write_prefix(std::ostream& stream, uint64_t ip, Dwfl_Module* module) {
-  stream << '[' << streamers::Pointer(reinterpret_cast<void*>(ip)) << ']';
+std::string module_text(Dwfl_Module* module) {
   char const* name = module != nullptr ? dwfl_module_info(module, nullptr, nullptr, nullptr,
-                                                          nullptr, nullptr, nullptr, nullptr)
+                                                           nullptr, nullptr, nullptr, nullptr)
                                        : nullptr;
-  stream << (name != nullptr ? base_name(name) : "<unknown module>") << '!';
+  return std::string(name != nullptr ? base_name(name) : "<unknown module>") + '!';
 }
 
-void write_clean_name(std::ostream& stream, std::string name) {
+void write_ip(std::ostream& stream, uint64_t ip) {
+  stream << '[' << streamers::Pointer(reinterpret_cast<void*>(ip)) << ']';
+}
+
+std::string clean_name(std::string name) {
   if (name.size() > kSymbolNameCapacity) name.resize(kSymbolNameCapacity);
   name.resize(clean_decorated_name(&name[0], name.size(), kCleanNameLimit));
-  stream << name;
+  return name;
 }
 
 std::string readable_name(char const* linkage_name) {
@@ -144,7 +179,7 @@ class FrameFunctions {
   FunctionScope scope(int k) { return FunctionScope{function(k), function(m_count - 1), m_pc}; }
 
   // " - file(line)" of the place where function `k` was inlined into the next one out.
-  void write_call_site(std::ostream& stream, int k) {
+  std::string call_site(int k) {
     Dwarf_Attribute attribute;
     Dwarf_Word file = 0;
     Dwarf_Word line = 0;
@@ -153,11 +188,13 @@ class FrameFunctions {
     if (dwarf_formudata(dwarf_attr(function(k), DW_AT_call_file, &attribute), &file) != 0 ||
         dwarf_formudata(dwarf_attr(function(k), DW_AT_call_line, &attribute), &line) != 0 ||
         dwarf_getsrcfiles(&m_unit, &files, &file_count) != 0 || file >= file_count) {
-      return;
+      return std::string();
     }
     char const* path = dwarf_filesrc(files, file, nullptr, nullptr);
-    if (path != nullptr) stream << " - " << base_name(path) << '(' << line << ')';
+    if (path == nullptr) return std::string();
+    return std::string(" - ") + base_name(path) + '(' + std::to_string(line) + ')';
   }
+  Dwarf_Addr dwarf_pc() const { return m_pc; }
 
  private:
   Dwarf_Die m_unit{};
@@ -167,71 +204,92 @@ class FrameFunctions {
   int m_count = 0;
 };
 
-void write_source_line(std::ostream& stream, Dwfl_Module* module, uint64_t ip) {
+std::string source_line(Dwfl_Module* module, uint64_t ip) {
   Dwfl_Line* line = module != nullptr ? dwfl_module_getsrc(module, ip - 1) : nullptr;
   Dwarf_Addr address = 0;
   int number = 0;
   char const* file =
       line != nullptr ? dwfl_lineinfo(line, &address, &number, nullptr, nullptr, nullptr) : nullptr;
-  if (file == nullptr) return;
-  stream << " - " << base_name(file) << '(' << number << ')';
-  if (ip != address) stream << '+' << streamers::Hex(ip - address, false);
+  if (file == nullptr) return std::string();
+  std::ostringstream text;
+  text << " - " << base_name(file) << '(' << number << ')';
+  if (ip != address) text << '+' << streamers::Hex(ip - address, false);
+  return text.str();
 }
 
-bool write_symbol(std::ostream& stream, Dwfl_Module* module, FrameFunctions& functions,
-                  uint64_t pc) {
-  if (functions.count() > 0) {
-    write_clean_name(stream, function_name(functions.function(0), module, pc));
-    return true;
+FrameText describe(uint64_t ip) {
+  uint64_t const pc = ip - (ip != 0 ? 1 : 0);  // inside the call, not after it
+  Dwfl_Module* module = module_at(pc);
+  FrameText text;
+  text.module = module_text(module);
+  object_base(ip, text.object);
+  FrameFunctions functions(module, pc);
+  text.dwarf_pc = functions.dwarf_pc();
+  for (int k = 0; k < functions.count(); ++k) {
+    text.functions.push_back(FunctionText{
+        clean_name(function_name(functions.function(k), module, pc)), *functions.function(k),
+        *functions.function(functions.count() - 1),
+        k == 0 ? source_line(module, ip) : functions.call_site(k - 1)});
   }
   char const* symbol = module != nullptr ? dwfl_module_addrname(module, pc) : nullptr;
-  if (symbol == nullptr) {
-    stream << "<no symbols," << dwfl_errno() << '>';
-    return false;
+  text.has_symbol = symbol != nullptr || !text.functions.empty();
+  if (symbol != nullptr && text.functions.empty()) {
+    text.symbol = clean_name(readable_name(symbol));
+    text.line = source_line(module, ip);
+  } else if (symbol == nullptr) {
+    text.symbol = "<no symbols," + std::to_string(dwfl_errno()) + '>';
   }
-  write_clean_name(stream, readable_name(symbol));
-  return true;
+  return text;
 }
 
-void render_functions(std::ostream& stream, StackFrameRecord const& frame, Dwfl_Module* module,
-                      FrameFunctions& functions) {
-  for (int k = 0; k < functions.count(); ++k) {
-    if (k > 0) write_prefix(stream, frame.ip, module);
-    write_clean_name(stream, function_name(functions.function(k), module, frame.ip - 1));
-    stream << '(';
-    ParameterRenderState state{stream, frame};
-    render_frame_parameters(state, functions.scope(k));
-    stream << ')';
-    if (k == 0) {
-      write_source_line(stream, module, frame.ip);
-    } else {
-      functions.write_call_site(stream, k - 1);
-    }
-    stream << '\n';
+// The description of a code address, worked out at its first rendering. Null for an address
+// that is not code.
+FrameText const* frame_text(uint64_t ip) {
+  FrameTexts& texts = *g_engine.texts;
+  auto const known = texts.find(ip);
+  uint64_t object = 0;
+  if (known != texts.end() && object_base(ip, object) && object == known->second.object) {
+    return &known->second;
   }
+  if (!is_code_address(ip)) return nullptr;
+  if (texts.size() >= kFrameTextLimit) texts.clear();
+  return &(texts[ip] = describe(ip));
 }
 
 void render_frame(std::ostream& stream, StackFrameRecord const& frame) {
-  uint64_t const pc = frame.ip - (frame.ip != 0 ? 1 : 0);  // inside the call, not after it
-  Dwfl_Module* module = module_at(pc);
-  write_prefix(stream, frame.ip, module);
-  if (!is_code_address(frame.ip)) {
-    stream << "<bad code ptr>\n";
-  } else if (!is_readable(frame.unwound_sp, 4)) {
+  FrameText const* text = frame_text(frame.ip);
+  write_ip(stream, frame.ip);
+  if (text == nullptr) {
+    stream << module_text(module_at(frame.ip - (frame.ip != 0 ? 1 : 0))) << "<bad code ptr>\n";
+    return;
+  }
+  stream << text->module;
+  if (!is_readable(frame.unwound_sp, 4)) {
     stream << "<bad frame>\n";
-  } else {
-    FrameFunctions functions(module, pc);
-    if (functions.count() > 0) return render_functions(stream, frame, module, functions);
-    if (write_symbol(stream, module, functions, pc)) {
-      stream << "(<no param info>)";
-      write_source_line(stream, module, frame.ip);
-    }
+    return;
+  }
+  if (text->functions.empty()) {
+    stream << text->symbol;
+    if (text->has_symbol) stream << "(<no param info>)" << text->line;
     stream << '\n';
+    return;
+  }
+  for (size_t k = 0; k < text->functions.size(); ++k) {
+    FunctionText const& function = text->functions[k];
+    if (k > 0) write_ip(stream, frame.ip);
+    if (k > 0) stream << text->module;
+    stream << function.name << '(';
+    ParameterRenderState state{stream, frame};
+    FunctionScope scope{const_cast<Dwarf_Die*>(&function.function),
+                        const_cast<Dwarf_Die*>(&function.subprogram), text->dwarf_pc};
+    render_frame_parameters(state, scope);
+    stream << ')' << function.place << '\n';
   }
 }
 
 void render_without_engine(std::ostream& stream, StackFrameRecord const& frame) {
-  stream << '[' << streamers::Pointer(reinterpret_cast<void*>(frame.ip)) << "]<unknown module>!";
+  write_ip(stream, frame.ip);
+  stream << "<unknown module>!";
   if (!is_code_address(frame.ip)) {
     stream << "<bad code ptr>\n";
   } else if (!is_readable(frame.unwound_sp, 4)) {
@@ -279,6 +337,7 @@ bool SymbolEngineSession::acquire() {
 void render_stack_frames(SymbolEngineSession& session, std::ostream& stream,
                          StackFrameRecord const* begin, StackFrameRecord const* end) {
   bool const held = session.acquire();
+  impl::ReadablePageMemo const memo;
   for (StackFrameRecord const* frame = begin; frame != end; ++frame) {
     if (held) {
       impl::render_frame(stream, *frame);
@@ -293,14 +352,17 @@ bool render_frame_symbol(SymbolEngineSession& session, std::ostream& stream, uin
     stream << "<no symbols>";
     return false;
   }
-  uint64_t const pc = ip - (ip != 0 ? 1 : 0);
-  Dwfl_Module* module = impl::module_at(pc);
-  impl::FrameFunctions functions(module, pc);
-  return impl::write_symbol(stream, module, functions, pc);
+  impl::FrameText const* text = impl::frame_text(ip);
+  if (text == nullptr || !text->has_symbol) {
+    stream << (text != nullptr ? text->symbol : "<no symbols,0>");
+    return false;
+  }
+  stream << (text->functions.empty() ? text->symbol : text->functions.front().name);
+  return true;
 }
 
 void render_frame_line(SymbolEngineSession& session, std::ostream& stream, uint64_t ip) {
-  if (session.acquire()) impl::write_source_line(stream, impl::module_at(ip - 1), ip);
+  if (session.acquire()) stream << impl::source_line(impl::module_at(ip - 1), ip);
 }
 
 }  // namespace tqcore

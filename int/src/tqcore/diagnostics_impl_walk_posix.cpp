@@ -108,14 +108,20 @@ bool read_stack_word(impl::StackBounds const& stack, uint64_t address, uint64_t&
 
 class Walker {
  public:
-  // `exact_ip`: the context is a signal's, whose instruction was interrupted, not calling: it
-  // is looked up as it is, and it must not teach the table a shape.
-  Walker(ucontext_t const& context, bool exact_ip, StackFrameRecord* begin, StackFrameRecord* end)
-      : m_stack(impl::thread_stack_bounds()), m_at(begin), m_end(end), m_exact_ip(exact_ip) {
-    std::memcpy(&m_context, &context, sizeof(m_context));
-    greg_t const* g = m_context.uc_mcontext.gregs;
+  // From a signal's context, whose instruction was interrupted, not calling: it is looked up
+  // as it is, and it must not teach the table a shape.
+  Walker(ucontext_t const& context, StackFrameRecord* begin, StackFrameRecord* end)
+      : Walker(begin, end) {
+    greg_t const* g = context.uc_mcontext.gregs;
     m_regs = Registers{static_cast<uint64_t>(g[REG_RSP]), static_cast<uint64_t>(g[REG_RBP]),
                        static_cast<uint64_t>(g[REG_RIP])};
+    m_signal = &context;
+    m_exact_ip = true;
+  }
+  // From three registers of a calling frame.
+  Walker(Registers const& start, StackFrameRecord* begin, StackFrameRecord* end)
+      : Walker(begin, end) {
+    m_regs = start;
   }
 
   StackFrameRecord* run() {
@@ -155,8 +161,17 @@ class Walker {
   }
 
   void resync() {
-    // The callee-saved registers other than rbp are stale here; no frame shape needs them
-    // (libunwind's own fast trace makes the same assumption).
+    // The callee-saved registers other than rbp are stale or zero here; no frame shape needs
+    // them (libunwind's own fast trace makes the same assumption). The context is built only
+    // now, since a warm walk never needs it.
+    if (!m_context_ready) {
+      if (m_signal != nullptr) {
+        std::memcpy(&m_context, m_signal, sizeof(m_context));
+      } else {
+        std::memset(&m_context, 0, sizeof(m_context));
+      }
+      m_context_ready = true;
+    }
     greg_t* g = m_context.uc_mcontext.gregs;
     g[REG_RSP] = static_cast<greg_t>(m_regs.sp);
     g[REG_RBP] = static_cast<greg_t>(m_regs.fp);
@@ -226,13 +241,18 @@ class Walker {
     store_shape(m_regs.ip, shape);
   }
 
+  Walker(StackFrameRecord* begin, StackFrameRecord* end)
+      : m_stack(impl::thread_stack_bounds()), m_at(begin), m_end(end) {}
+
   impl::StackBounds const m_stack;
   StackFrameRecord* m_at;
   StackFrameRecord* const m_end;
+  ucontext_t const* m_signal = nullptr;
   ucontext_t m_context;
   unw_cursor_t m_cursor;
   Registers m_regs{};
-  bool m_exact_ip;
+  bool m_exact_ip = false;
+  bool m_context_ready = false;
   bool m_in_sync = false;
   bool m_done = false;
 };
@@ -254,10 +274,16 @@ __attribute__((noinline)) StackFrameRecord* capture_stack_frames(ucontext_t cons
                                                                  StackFrameRecord* begin,
                                                                  StackFrameRecord* end) noexcept {
   if (begin == nullptr || begin >= end) return begin;
-  ucontext_t own;
-  if (context == nullptr) unw_getcontext(&own);  // here, so that this frame is the first
-  StackFrameRecord* const filled =
-      Walker(context != nullptr ? *context : own, context != nullptr, begin, end).run();
+  StackFrameRecord* filled = begin;
+  if (context != nullptr) {
+    filled = Walker(*context, begin, end).run();
+  } else {
+    // This frame is the first: its stack and frame pointers, and an address inside it.
+    Registers here{};
+    asm volatile("lea 0(%%rip), %0\n\tmov %%rsp, %1\n\tmov %%rbp, %2"
+                 : "=r"(here.ip), "=r"(here.sp), "=r"(here.fp));
+    filled = Walker(here, begin, end).run();
+  }
   // Not a tail call: callers count this frame among the ones they skip.
   asm volatile("" ::: "memory");
   return filled;

@@ -76,11 +76,11 @@ struct StackFrameRecord {
 // Callers hold walks in arrays of this many records.
 constexpr unsigned int stack_frame_capacity = 128;
 
-// Walks the calling thread's stack from `context` (a signal's context: its first frame is the
-// interrupted instruction), or from the caller of this function when `context` is null, into
-// [begin, end). The outermost frame, whose caller is nothing, is left out. Returns the end of
-// what was filled. Signal-safe once the thread has walked once (the first walk of a thread
-// reads its stack bounds); never allocates.
+// Walks the calling thread's stack into [begin, end): from `context` (a signal's context; its
+// first frame is the interrupted instruction), or, when `context` is null, from here (the first
+// frame is this function's own). The outermost frame, whose caller is nothing, is left out.
+// Returns the end of what was filled. Never allocates; signal-safe once the thread has walked
+// once (the first walk of a thread reads its stack bounds).
 TQCORE_EXPORT StackFrameRecord* capture_stack_frames(ucontext_t const* context,
                                                      StackFrameRecord* begin,
                                                      StackFrameRecord* end) noexcept;
