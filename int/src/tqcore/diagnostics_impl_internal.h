@@ -8,7 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
+#include <ostream>
 #include <string>
 
 namespace tqcore {
@@ -49,6 +49,14 @@ inline void reset_recursive_lock(pthread_mutex_t& lock) noexcept {
   lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 }
 
+// "0x" and 16 lower-case digits, as streamers::Pointer writes it, without building a string:
+// a frame line holds several.
+inline void write_pointer(std::ostream& stream, uint64_t value) {
+  char text[18] = {'0', 'x'};
+  for (int i = 17; i >= 2; --i, value >>= 4) text[i] = "0123456789abcdef"[value & 15];
+  stream.write(text, sizeof(text));
+}
+
 // A demangled function name reduced to its qualified name: no return type, no parameter list,
 // no trailing qualifiers.
 void strip_function_signature(std::string& name);
@@ -61,7 +69,6 @@ struct ParameterRenderState {
   std::ostream& stream;
   StackFrameRecord const& frame;
   unsigned int count = 0;
-  unsigned int limit = 8;
   uint64_t highest_read = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <elfutils/libdw.h>
 
 #include <string>
+#include <vector>
 
 #include "diagnostics_impl_internal.h"
 
@@ -19,13 +20,38 @@ struct FunctionScope {
   Dwarf_Addr dwarf_pc;  // the instruction in the module's own addresses
 };
 
-// "(a=1, b=true)" without the parentheses, with ", <N omitted>" past the state's limit.
-void render_frame_parameters(ParameterRenderState& state, FunctionScope const& scope);
+// How to find and show one parameter at one instruction, read once from the debugging
+// information; rendering it needs only the frame's registers and memory.
+struct ParameterPlan {
+  std::string name;
+  bool type_known = false;
+  bool location_known = false;
+  // The location: one operation, perhaps followed by a dereference; a frame-base offset
+  // carries the frame base's own operation.
+  uint8_t atom = 0;
+  int64_t offset = 0;
+  bool dereference = false;
+  uint8_t base_atom = 0;
+  int64_t base_offset = 0;
+  // The type, without typedefs and qualifiers.
+  int tag = 0;
+  uint64_t encoding = 0;
+  uint64_t size = 0;
+  bool wide_character = false;
+  bool smart_class = false;    // a class that is a known smart pointer
+  bool smart_pointee = false;  // a pointer to one
+};
+
+struct ParametersPlan {
+  std::vector<ParameterPlan> shown;  // the first few
+  unsigned int count = 0;            // all of them
+};
+
+ParametersPlan plan_parameters(FunctionScope const& scope, unsigned int limit);
+// "a=1, b=true" without the parentheses, with ", <N omitted>" past the state's limit.
+void render_frame_parameters(ParameterRenderState& state, ParametersPlan const& plan);
 // A class's name with its namespaces and enclosing classes.
 std::string qualified_type_name(Dwarf_Die* type);
-// Drops what the parameter renderer remembers of types, when the modules change. Under the
-// symbol engine's lock, as all parameter rendering is.
-void forget_type_names();
 
 }  // namespace impl
 }  // namespace tqcore

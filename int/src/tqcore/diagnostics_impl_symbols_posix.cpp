@@ -26,6 +26,7 @@ namespace {
 constexpr size_t kSymbolNameCapacity = 4095;
 constexpr size_t kCleanNameLimit = 256;
 constexpr int kMaxFunctionsAtOneAddress = 64;
+constexpr unsigned int kParametersShown = 8;
 
 char* g_debuginfoPath = nullptr;
 Dwfl_Callbacks const kCallbacks{dwfl_linux_proc_find_elf, dwfl_standard_find_debuginfo, nullptr,
@@ -50,14 +51,12 @@ SymbolEngine g_engine;
 // debugging information is searched by walking it, which costs far more than the rendering.
 struct FunctionText {
   std::string name;
-  Dwarf_Die function;
-  Dwarf_Die subprogram;
+  ParametersPlan parameters;
   std::string place;  // " - file(line)+offset", or for an outer function its call site
 };
 struct FrameText {
   std::string module;  // "name!" or "<unknown module>!"
   uint64_t object = 0;  // the loaded object's base, to tell that it is still there
-  Dwarf_Addr dwarf_pc = 0;
   std::vector<FunctionText> functions;  // none without debugging information
   bool has_symbol = false;
   std::string symbol;  // without debugging information: the symbol table's name, or
@@ -69,7 +68,6 @@ constexpr size_t kFrameTextLimit = 8192;
 bool report_modules(Dwfl* dwfl) {
   // Modules that went away take their debugging information with them.
   if (g_engine.texts != nullptr) g_engine.texts->clear();
-  forget_type_names();
   dwfl_report_begin(dwfl);
   int const failed = dwfl_linux_proc_report(dwfl, getpid());
   return dwfl_report_end(dwfl, nullptr, nullptr) == 0 && failed == 0;
@@ -111,7 +109,9 @@ std::string module_text(Dwfl_Module* module) {
 }
 
 void write_ip(std::ostream& stream, uint64_t ip) {
-  stream << '[' << streamers::Pointer(reinterpret_cast<void*>(ip)) << ']';
+  stream.put('[');
+  write_pointer(stream, ip);
+  stream.put(']');
 }
 
 std::string clean_name(std::string name) {
@@ -194,7 +194,6 @@ class FrameFunctions {
     if (path == nullptr) return std::string();
     return std::string(" - ") + base_name(path) + '(' + std::to_string(line) + ')';
   }
-  Dwarf_Addr dwarf_pc() const { return m_pc; }
 
  private:
   Dwarf_Die m_unit{};
@@ -224,11 +223,10 @@ FrameText describe(uint64_t ip) {
   text.module = module_text(module);
   object_base(ip, text.object);
   FrameFunctions functions(module, pc);
-  text.dwarf_pc = functions.dwarf_pc();
   for (int k = 0; k < functions.count(); ++k) {
     text.functions.push_back(FunctionText{
-        clean_name(function_name(functions.function(k), module, pc)), *functions.function(k),
-        *functions.function(functions.count() - 1),
+        clean_name(function_name(functions.function(k), module, pc)),
+        plan_parameters(functions.scope(k), kParametersShown),
         k == 0 ? source_line(module, ip) : functions.call_site(k - 1)});
   }
   char const* symbol = module != nullptr ? dwfl_module_addrname(module, pc) : nullptr;
@@ -280,9 +278,7 @@ void render_frame(std::ostream& stream, StackFrameRecord const& frame) {
     if (k > 0) stream << text->module;
     stream << function.name << '(';
     ParameterRenderState state{stream, frame};
-    FunctionScope scope{const_cast<Dwarf_Die*>(&function.function),
-                        const_cast<Dwarf_Die*>(&function.subprogram), text->dwarf_pc};
-    render_frame_parameters(state, scope);
+    render_frame_parameters(state, function.parameters);
     stream << ')' << function.place << '\n';
   }
 }
