@@ -23,6 +23,12 @@
 namespace tqcore {
 namespace {
 
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+
 using tqcore_test::ChildResult;
 using tqcore_test::run_in_child;
 
@@ -38,7 +44,7 @@ int use_every_lock_in_child() {
   Uuid::create_sequential();
   static StaticInstance<std::string> instance;
   instance->assign("built in the child");
-  bool const traced = !get_stack_backtrace(0, 2).empty();
+  bool const traced = kAddressSanitizer || !get_stack_backtrace(0, 2).empty();
   return key == StringKey("child.key") && !name.str().empty() && traced ? 0 : 1;
 }
 
@@ -52,7 +58,12 @@ TEST(Fork, ChildrenNeverHangOnALockAnotherThreadHeld) {
       },
       [] { StringKey(("fork.key." + std::to_string(random_uint32() % 64)).c_str()); },
       [] { Uuid::create_sequential(); },
-      [] { get_stack_backtrace(0, 3); },  // the symbol engine's lock
+      [] {
+        // The symbol engine's lock. Not under GCC 12's AddressSanitizer, whose allocator takes
+        // no lock around fork: a child that symbolises (thousands of allocations) meets one of
+        // its locks held by a worker often enough to hang.
+        if (!kAddressSanitizer) get_stack_backtrace(0, 3);
+      },
       [] {
         std::ostringstream text;
         text << ObjectKey::create_unique();

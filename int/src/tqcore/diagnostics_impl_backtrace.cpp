@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "diagnostics_impl_internal.h"
+#include "error_exception_internal.h"
 
 namespace tqcore {
 
@@ -25,7 +26,7 @@ __attribute__((noinline)) std::string get_stack_backtrace(unsigned int skip_fram
       std::ostringstream stream;
       SymbolEngineSession session;
       render_stack_frames(session, stream, frames + skip, end);
-      text = stream.str();
+      text = impl::stream_text(stream);  // a stream that failed to grow would cut the trace
     }
   } catch (...) {
     text = "<failed>";

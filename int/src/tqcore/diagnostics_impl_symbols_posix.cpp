@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -42,8 +43,8 @@ struct SymbolEngine {
   pthread_mutex_t lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
   unsigned int use_count = 0;
   Dwfl* dwfl = nullptr;
-  bool reread = false;            // in the current outermost session
-  FrameTexts* texts = nullptr;    // never freed: a report may run during exit
+  bool reread = false;          // in the current outermost session
+  FrameTexts* texts = nullptr;  // never freed: a report may run during exit
 };
 SymbolEngine g_engine;
 
@@ -55,8 +56,8 @@ struct FunctionText {
   std::string place;  // " - file(line)+offset", or for an outer function its call site
 };
 struct FrameText {
-  std::string module;  // "name!" or "<unknown module>!"
-  uint64_t object = 0;  // the loaded object's base, to tell that it is still there
+  std::string module;                   // "name!" or "<unknown module>!"
+  uint64_t object = 0;                  // the loaded object's base, to tell that it is still there
   std::vector<FunctionText> functions;  // none without debugging information
   bool has_symbol = false;
   std::string symbol;  // without debugging information: the symbol table's name, or
@@ -73,7 +74,10 @@ bool report_modules(Dwfl* dwfl) {
   return dwfl_report_end(dwfl, nullptr, nullptr) == 0 && failed == 0;
 }
 
+// Runs with the engine's lock held: it must fail by its answer, never by an exception.
 bool start_engine() {
+  if (g_engine.texts == nullptr) g_engine.texts = new (std::nothrow) FrameTexts();
+  if (g_engine.texts == nullptr) return false;
   if (g_engine.dwfl != nullptr) return true;
   Dwfl* dwfl = dwfl_begin(&kCallbacks);
   if (dwfl == nullptr) return false;
@@ -81,7 +85,6 @@ bool start_engine() {
     dwfl_end(dwfl);
     return false;
   }
-  if (g_engine.texts == nullptr) g_engine.texts = new FrameTexts();
   g_engine.dwfl = dwfl;
   return true;
 }
@@ -103,7 +106,7 @@ char const* base_name(char const* path) {
 
 std::string module_text(Dwfl_Module* module) {
   char const* name = module != nullptr ? dwfl_module_info(module, nullptr, nullptr, nullptr,
-                                                           nullptr, nullptr, nullptr, nullptr)
+                                                          nullptr, nullptr, nullptr, nullptr)
                                        : nullptr;
   return std::string(name != nullptr ? base_name(name) : "<unknown module>") + '!';
 }
@@ -224,10 +227,10 @@ FrameText describe(uint64_t ip) {
   object_base(ip, text.object);
   FrameFunctions functions(module, pc);
   for (int k = 0; k < functions.count(); ++k) {
-    text.functions.push_back(FunctionText{
-        clean_name(function_name(functions.function(k), module, pc)),
-        plan_parameters(functions.scope(k), kParametersShown),
-        k == 0 ? source_line(module, ip) : functions.call_site(k - 1)});
+    text.functions.push_back(
+        FunctionText{clean_name(function_name(functions.function(k), module, pc)),
+                     plan_parameters(functions.scope(k), kParametersShown),
+                     k == 0 ? source_line(module, ip) : functions.call_site(k - 1)});
   }
   char const* symbol = module != nullptr ? dwfl_module_addrname(module, pc) : nullptr;
   text.has_symbol = symbol != nullptr || !text.functions.empty();
