@@ -137,8 +137,8 @@ uint64_t simple_value(uint8_t atom, int64_t offset, StackFrameRecord const& fram
 Place locate(ParameterPlan const& plan, StackFrameRecord const& frame) {
   Place place{Where::memory, 0, 0};
   if (plan.atom == DW_OP_fbreg) {
-    place.address = simple_value(plan.base_atom, plan.base_offset, frame) +
-                    static_cast<uint64_t>(plan.offset);
+    place.address =
+        simple_value(plan.base_atom, plan.base_offset, frame) + static_cast<uint64_t>(plan.offset);
   } else if (is_register(plan.atom)) {
     place = Place{Where::in_register, 0, simple_value(plan.atom, 0, frame)};
   } else {
@@ -254,8 +254,7 @@ void render_parameter(ParameterRenderState& state, ParameterPlan const& plan) {
     state.stream << "=<unk type>";
     return;
   }
-  Place const place =
-      plan.location_known ? locate(plan, state.frame) : Place{Where::nowhere, 0, 0};
+  Place const place = plan.location_known ? locate(plan, state.frame) : Place{Where::nowhere, 0, 0};
   if (place.where == Where::nowhere || (place.where == Where::in_register && plan.size > 8)) {
     state.stream << "=<unavail>";
     return;
@@ -282,8 +281,8 @@ std::string qualified_type_name(Dwarf_Die* type) {
     int const tag = dwarf_tag(&scopes[i]);
     if (tag != DW_TAG_namespace && !is_class_tag(tag)) continue;
     char const* scope_name = dwarf_diename(&scopes[i]);
-    name.insert(0, std::string(scope_name != nullptr ? scope_name : "(anonymous namespace)") +
-                       "::");
+    name.insert(0,
+                std::string(scope_name != nullptr ? scope_name : "(anonymous namespace)") + "::");
   }
   std::free(scopes);
   return name;
