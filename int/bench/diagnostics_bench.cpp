@@ -38,10 +38,10 @@ void run_down(benchmark::State& state, Work work) {
 }
 
 void BM_StackCapture_tqcore(benchmark::State& state) {
-  tqcore::StackFrameRecord frames[tqcore::stack_frame_capacity];
+  tqcore::StackFrameRecord frames[tqcore::STACK_FRAME_CAPACITY];
   run_down(state, [&] {
     benchmark::DoNotOptimize(
-        tqcore::capture_stack_frames(nullptr, frames, frames + tqcore::stack_frame_capacity));
+        tqcore::capture_stack_frames(nullptr, frames, frames + tqcore::STACK_FRAME_CAPACITY));
   });
 }
 void BM_StackCapture_unw_backtrace(benchmark::State& state) {
@@ -55,10 +55,10 @@ void BM_StackCapture_glibc_backtrace(benchmark::State& state) {
 
 // Function names for every frame.
 void BM_StackNames_tqcore(benchmark::State& state) {
-  tqcore::StackFrameRecord frames[tqcore::stack_frame_capacity];
+  tqcore::StackFrameRecord frames[tqcore::STACK_FRAME_CAPACITY];
   run_down(state, [&] {
     tqcore::StackFrameRecord* end =
-        tqcore::capture_stack_frames(nullptr, frames, frames + tqcore::stack_frame_capacity);
+        tqcore::capture_stack_frames(nullptr, frames, frames + tqcore::STACK_FRAME_CAPACITY);
     std::ostringstream text;
     tqcore::SymbolEngineSession session;
     for (tqcore::StackFrameRecord* frame = frames; frame != end; ++frame) {

@@ -208,8 +208,8 @@ TEST(Allocation, CountingReallyCounts) {
 
 // A walk of a thread that has walked before is what a failing process can afford.
 TEST(Allocation, WarmStackWalkAllocatesNothingAndTakesNoLock) {
-  StackFrameRecord frames[stack_frame_capacity];
-  auto walk = [&] { return capture_stack_frames(nullptr, frames, frames + stack_frame_capacity); };
+  StackFrameRecord frames[STACK_FRAME_CAPACITY];
+  auto walk = [&] { return capture_stack_frames(nullptr, frames, frames + STACK_FRAME_CAPACITY); };
   EXPECT_GT(walk() - frames, 3);
   // The first round's frames are new to the walker; the second walks the same path again.
   long allocations = -1;

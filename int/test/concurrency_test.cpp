@@ -426,8 +426,8 @@ __attribute__((noinline)) std::vector<uint64_t> walk_at_depth(int depth) {
     ips.push_back(static_cast<uint64_t>(depth));  // not a tail call
     return ips;
   }
-  StackFrameRecord frames[stack_frame_capacity];
-  StackFrameRecord* end = capture_stack_frames(nullptr, frames, frames + stack_frame_capacity);
+  StackFrameRecord frames[STACK_FRAME_CAPACITY];
+  StackFrameRecord* end = capture_stack_frames(nullptr, frames, frames + STACK_FRAME_CAPACITY);
   std::vector<uint64_t> ips;
   for (StackFrameRecord* frame = frames + 1; frame != end; ++frame) ips.push_back(frame->sp);
   return ips;

@@ -258,12 +258,12 @@ __attribute__((noinline)) size_t deep_walk(int depth, StackFrameRecord* frames) 
     asm volatile("" : "+r"(n));  // keeps the recursion from becoming a loop
     return n + 1;
   }
-  return capture_stack_frames(nullptr, frames, frames + stack_frame_capacity) - frames;
+  return capture_stack_frames(nullptr, frames, frames + STACK_FRAME_CAPACITY) - frames;
 }
 
 TEST(StackWalk, AWalkThatDoesNotEndFillsEverySlot) {
-  StackFrameRecord frames[stack_frame_capacity];
-  EXPECT_EQ(deep_walk(200, frames), stack_frame_capacity + 200);
+  StackFrameRecord frames[STACK_FRAME_CAPACITY];
+  EXPECT_EQ(deep_walk(200, frames), STACK_FRAME_CAPACITY + 200);
 }
 
 // Learnt shapes against libunwind's own walk, cold and warm: the same frames either way.
@@ -320,8 +320,8 @@ TEST(StackWalk, FromASignalContextStartsAtTheInterruptedInstruction) {
 }
 
 TEST(StackDump, StretchesBetweenFramesEndAtTheStackTop) {
-  StackFrameRecord frames[stack_frame_capacity];
-  StackFrameRecord* end = capture_stack_frames(nullptr, frames, frames + stack_frame_capacity);
+  StackFrameRecord frames[STACK_FRAME_CAPACITY];
+  StackFrameRecord* end = capture_stack_frames(nullptr, frames, frames + STACK_FRAME_CAPACITY);
   std::ostringstream out;
   dump_stack(out, nullptr, frames, end, 2);
   std::string const text = out.str();

@@ -15,10 +15,10 @@ __attribute__((noinline)) std::string get_stack_backtrace(unsigned int skip_fram
                                                           unsigned int max_frames) {
   std::string text;
   try {
-    StackFrameRecord frames[stack_frame_capacity];
+    StackFrameRecord frames[STACK_FRAME_CAPACITY];
     // This function's frame and the walker's are never shown.
-    unsigned int const skip = 2 + std::min(skip_frames, stack_frame_capacity - 2);
-    unsigned int const room = stack_frame_capacity - skip;
+    unsigned int const skip = 2 + std::min(skip_frames, STACK_FRAME_CAPACITY - 2);
+    unsigned int const room = STACK_FRAME_CAPACITY - skip;
     unsigned int const wanted = max_frames == 0 ? room : std::min(max_frames, room);
     StackFrameRecord const* const end =
         capture_stack_frames(nullptr, frames, frames + skip + wanted);

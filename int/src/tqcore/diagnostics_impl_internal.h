@@ -14,6 +14,11 @@
 namespace tqcore {
 namespace impl {
 
+// Addresses travel as numbers here: they come from registers and stack words, not pointers.
+inline void* as_pointer(uint64_t address) {
+  return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 // Copies `size` bytes at `address` into `out`; false, without faulting, if any is unreadable.
 // Signal-safe.
 bool read_memory(uint64_t address, void* out, size_t size) noexcept;

@@ -28,8 +28,7 @@ bool read_through_pipe(uint64_t address, void* out, size_t size) noexcept {
   bool ok = true;
   for (size_t done = 0; ok && done < size;) {
     size_t const piece = std::min<size_t>(size - done, 4096);
-    ok = write(fds[1], reinterpret_cast<void const*>(address + done), piece) ==
-             static_cast<ssize_t>(piece) &&
+    ok = write(fds[1], as_pointer(address + done), piece) == static_cast<ssize_t>(piece) &&
          read(fds[0], target + done, piece) == static_cast<ssize_t>(piece);
     done += piece;
   }
@@ -94,7 +93,7 @@ struct ThreadStack {
   StackBounds bounds;
 };
 // Initial-exec: a signal handler's first touch of a dynamic TLS block could allocate.
-__attribute__((tls_model("initial-exec"))) thread_local ThreadStack t_stack{};
+__attribute__((tls_model("initial-exec"))) thread_local ThreadStack g_threadStack{};
 
 // Pages found readable while a rendering is under way: a frame's parameters point into the
 // same few pages again and again, and each question to the kernel is a system call.
@@ -103,25 +102,25 @@ struct ReadablePages {
   unsigned int next;
   uint64_t pages[16];
 };
-__attribute__((tls_model("initial-exec"))) thread_local ReadablePages t_readable{};
+__attribute__((tls_model("initial-exec"))) thread_local ReadablePages g_readablePages{};
 constexpr uint64_t kPageBits = 12;
 
 bool known_readable(uint64_t address, size_t size) {
-  if (t_readable.depth == 0 || size == 0) return false;
+  if (g_readablePages.depth == 0 || size == 0) return false;
   uint64_t const first = address >> kPageBits;
   uint64_t const last = (address + size - 1) >> kPageBits;
   for (uint64_t page = first; page <= last; ++page) {
     bool found = false;
-    for (uint64_t known : t_readable.pages) found = found || known == page + 1;
+    for (uint64_t known : g_readablePages.pages) found = found || known == page + 1;
     if (!found) return false;
   }
   return true;
 }
 
 void remember_readable(uint64_t address, size_t size) {
-  if (t_readable.depth == 0 || size == 0) return;
+  if (g_readablePages.depth == 0 || size == 0) return;
   for (uint64_t page = address >> kPageBits; page <= (address + size - 1) >> kPageBits; ++page) {
-    t_readable.pages[t_readable.next++ % 16] = page + 1;  // 0 marks an empty slot
+    g_readablePages.pages[g_readablePages.next++ % 16] = page + 1;  // 0 marks an empty slot
   }
 }
 
@@ -134,7 +133,7 @@ __attribute__((no_sanitize("address", "hwaddress", "thread"))) bool read_live_st
   StackBounds const stack = thread_stack_bounds();
   auto const here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
   if (address < here || address > stack.high || stack.high - address < size) return false;
-  auto const* from = reinterpret_cast<unsigned char const volatile*>(address);
+  auto const* from = static_cast<unsigned char const volatile*>(as_pointer(address));
   auto* to = static_cast<unsigned char*>(out);
   for (size_t i = 0; i < size; ++i) to[i] = from[i];
   return true;
@@ -145,7 +144,7 @@ bool read_memory(uint64_t address, void* out, size_t size) noexcept {
   if (address + size < address) return false;
   if (read_live_stack(address, out, size)) return true;
   iovec local{out, size};
-  iovec remote{reinterpret_cast<void*>(address), size};
+  iovec remote{as_pointer(address), size};
   ssize_t const n = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
   if (n == static_cast<ssize_t>(size)) return true;
   if (n < 0 && (errno == ENOSYS || errno == EPERM)) return read_through_pipe(address, out, size);
@@ -154,7 +153,7 @@ bool read_memory(uint64_t address, void* out, size_t size) noexcept {
 
 __attribute__((no_sanitize("address", "hwaddress", "thread"))) uint64_t load_word(
     uint64_t address) noexcept {
-  return *reinterpret_cast<uint64_t const volatile*>(address);
+  return *static_cast<uint64_t const volatile*>(as_pointer(address));
 }
 
 bool is_readable(uint64_t address, size_t size) noexcept {
@@ -175,14 +174,14 @@ bool is_readable(uint64_t address, size_t size) noexcept {
   return true;
 }
 
-ReadablePageMemo::ReadablePageMemo() noexcept { t_readable.depth += 1; }
+ReadablePageMemo::ReadablePageMemo() noexcept { g_readablePages.depth += 1; }
 ReadablePageMemo::~ReadablePageMemo() {
-  if (--t_readable.depth == 0) t_readable = ReadablePages{};
+  if (--g_readablePages.depth == 0) g_readablePages = ReadablePages{};
 }
 
 bool object_base(uint64_t address, uint64_t& base) noexcept {
   dl_find_object object;
-  if (_dl_find_object(reinterpret_cast<void*>(address), &object) != 0) return false;
+  if (_dl_find_object(as_pointer(address), &object) != 0) return false;
   base = reinterpret_cast<uint64_t>(object.dlfo_map_start);
   return true;
 }
@@ -192,14 +191,14 @@ bool is_code_address(uint64_t address) noexcept {
   // _dl_find_object takes no lock that a signal could interrupt; mappings of no object (code
   // made at run time) fall back to the kernel's list.
   dl_find_object object;
-  if (_dl_find_object(reinterpret_cast<void*>(address), &object) == 0) {
+  if (_dl_find_object(as_pointer(address), &object) == 0) {
     return object_segment_is_executable(object, address);
   }
   return maps_say_executable(address);
 }
 
 StackBounds thread_stack_bounds() noexcept {
-  if (!t_stack.known) {
+  if (!g_threadStack.known) {
     pthread_attr_t attributes;
     void* low = nullptr;
     size_t size = 0;
@@ -208,10 +207,10 @@ StackBounds thread_stack_bounds() noexcept {
       pthread_attr_destroy(&attributes);
     }
     auto const base = reinterpret_cast<uint64_t>(low);
-    t_stack.bounds = StackBounds{base, base + size};
-    t_stack.known = true;
+    g_threadStack.bounds = StackBounds{base, base + size};
+    g_threadStack.known = true;
   }
-  return t_stack.bounds;
+  return g_threadStack.bounds;
 }
 
 }  // namespace impl

@@ -116,7 +116,7 @@ class Walker {
     m_regs = Registers{static_cast<uint64_t>(g[REG_RSP]), static_cast<uint64_t>(g[REG_RBP]),
                        static_cast<uint64_t>(g[REG_RIP])};
     m_signal = &context;
-    m_exact_ip = true;
+    m_exactIp = true;
   }
   // From three registers of a calling frame.
   Walker(Registers const& start, StackFrameRecord* begin, StackFrameRecord* end)
@@ -126,7 +126,7 @@ class Walker {
 
   StackFrameRecord* run() {
     while (m_at < m_end && !m_done) {
-      if (m_exact_ip || !fast_step()) slow_step();
+      if (m_exactIp || !fast_step()) slow_step();
     }
     return m_at;
   }
@@ -155,7 +155,7 @@ class Walker {
     if (shape.fp_saved && !read_stack_word(m_stack, cfa + shape.fp_offset, caller.fp)) {
       return false;
     }
-    m_in_sync = false;
+    m_inSync = false;
     advance(cfa, caller);
     return true;
   }
@@ -164,27 +164,27 @@ class Walker {
     // The callee-saved registers other than rbp are stale or zero here; no frame shape needs
     // them (libunwind's own fast trace makes the same assumption). The context is built only
     // now, since a warm walk never needs it.
-    if (!m_context_ready) {
+    if (!m_contextReady) {
       if (m_signal != nullptr) {
         std::memcpy(&m_context, m_signal, sizeof(m_context));
       } else {
         std::memset(&m_context, 0, sizeof(m_context));
       }
-      m_context_ready = true;
+      m_contextReady = true;
     }
     greg_t* g = m_context.uc_mcontext.gregs;
     g[REG_RSP] = static_cast<greg_t>(m_regs.sp);
     g[REG_RBP] = static_cast<greg_t>(m_regs.fp);
     g[REG_RIP] = static_cast<greg_t>(m_regs.ip);
-    unw_init_local2(&m_cursor, &m_context, m_exact_ip ? UNW_INIT_SIGNAL_FRAME : 0);
-    m_in_sync = true;
+    unw_init_local2(&m_cursor, &m_context, m_exactIp ? UNW_INIT_SIGNAL_FRAME : 0);
+    m_inSync = true;
   }
 
   void slow_step() {
     UnwinderLock const locked;
-    if (!m_in_sync) resync();
+    if (!m_inSync) resync();
     bool const signal_frame = unw_is_signal_frame(&m_cursor) > 0;
-    bool const learnable = !signal_frame && !m_exact_ip;
+    bool const learnable = !signal_frame && !m_exactIp;
     unw_save_loc_t fp_before{};
     unw_get_save_loc(&m_cursor, UNW_X86_64_RBP, &fp_before);
     int const stepped = unw_step(&m_cursor);
@@ -207,7 +207,7 @@ class Walker {
     unw_get_reg(&m_cursor, UNW_REG_IP, &value);
     caller.ip = value;
     if (learnable) learn(fp_before, caller);
-    m_exact_ip = signal_frame;  // the frame behind a signal frame was interrupted, not calling
+    m_exactIp = signal_frame;  // the frame behind a signal frame was interrupted, not calling
     advance(caller.sp, caller);
   }
 
@@ -251,9 +251,9 @@ class Walker {
   ucontext_t m_context;
   unw_cursor_t m_cursor;
   Registers m_regs{};
-  bool m_exact_ip = false;
-  bool m_context_ready = false;
-  bool m_in_sync = false;
+  bool m_exactIp = false;
+  bool m_contextReady = false;
+  bool m_inSync = false;
   bool m_done = false;
 };
 

@@ -74,7 +74,7 @@ struct StackFrameRecord {
 };
 
 // Callers hold walks in arrays of this many records.
-constexpr unsigned int stack_frame_capacity = 128;
+constexpr unsigned int STACK_FRAME_CAPACITY = 128;
 
 // Walks the calling thread's stack into [begin, end): from `context` (a signal's context; its
 // first frame is the interrupted instruction), or, when `context` is null, from here (the first
