@@ -163,6 +163,11 @@ std::string demangle(char const* linkage_name) {
 }
 
 void strip_function_signature(std::string& name) {
+  // The optimiser's copies of a function: "f(int) [clone .constprop.0]".
+  for (size_t clone; !name.empty() && name.back() == ']' &&
+                     (clone = name.rfind(" [clone ")) != std::string::npos;) {
+    name.erase(clone);
+  }
   // Trailing qualifiers of a member function, then its parameter list.
   size_t end = name.size();
   for (bool again = true; again;) {

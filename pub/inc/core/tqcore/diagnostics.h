@@ -1,5 +1,8 @@
 // Diagnostics: the three process-wide trace handlers through which critical errors and
-// assertion reports leave the library, and the plain writer used when none is installed.
+// assertion reports leave the library, the plain writer used when none is installed, and the
+// parts of a crash report: stack walks, symbolic frames, memory and register dumps.
+//
+//   std::cerr << tqcore::get_stack_backtrace();  // [ip]module!function(params) - file(line)+off
 //
 //   bool to_my_log(tqcore::SourceLocation const& at, tqcore::SourceString const& text,
 //                  char const* packed, size_t size);
@@ -28,13 +31,14 @@ using DiagnosticTraceHandler = bool (*)(SourceLocation const& location,
                                         size_t packed_size);
 
 // Replaces the three handlers, each by an atomic exchange, in this order; a null pointer gives
-// that handler's default behaviour back. Safe from any thread.
+// that handler's default behaviour back. Safe from any thread and in a signal handler.
 TQCORE_EXPORT void set_diagnostic_trace_handlers(DumpCreditPeriodHandler dump_credit_period,
                                                  DiagnosticTraceHandler critical_error,
                                                  DiagnosticTraceHandler assert_trace);
 
 // To the critical-error handler, or to standard error under the tag "CRITICAL-ERROR".
-// Never raises: an exception of the handler or the default writer is swallowed.
+// Never raises: an exception of the handler or the default writer is swallowed. As safe in a
+// signal handler as the installed handler is; the default writer is not.
 TQCORE_EXPORT void trace_critical_error(SourceLocation const& location,
                                         char const* message_template, char const* packed,
                                         size_t packed_size);
@@ -44,7 +48,8 @@ TQCORE_EXPORT void trace_assert(SourceLocation const& location, char const* mess
 // True without an assertion handler; else the handler's answer to a probe with an empty
 // location, an empty template and no values.
 TQCORE_EXPORT bool is_assert_trace_wanted();
-// The current period of the dump credits: the installed handler's answer, else 0.
+// The current period of the dump credits: the installed handler's answer, else 0. As safe in
+// a signal handler as that handler is.
 TQCORE_EXPORT unsigned int dump_credit_period();
 
 // Writes "\n*** <tag> - <function>@<depot path>(<line>)\n", then the template with each `{}`
@@ -56,6 +61,7 @@ TQCORE_EXPORT void write_default_trace(char const* tag, SourceLocation const& lo
 
 // Whether a person sits at this process: standard input and error are terminals and the
 // controlling terminal opens. Asked once, then cached. A daemon or a service answers false.
+// Signal-safe once it has been asked.
 TQCORE_EXPORT bool is_interactive_session();
 
 // ---- Stack walking and symbolic frames -------------------------------------------------------
@@ -134,7 +140,7 @@ TQCORE_EXPORT void dump_memory_region(std::ostream& stream, uint64_t begin, uint
 TQCORE_EXPORT void dump_memory_range(std::ostream& stream, uint64_t begin, uint64_t end,
                                      uint64_t head, uint64_t tail);
 // The stack from `start_sp` to its top, a stretch a frame, elided, with a "> Frame" line
-// after each of the first `frame_limit` frames.
+// after each of the first `frame_limit` frames. Not signal-safe (streams allocate).
 TQCORE_EXPORT void dump_stack(std::ostream& stream, uint64_t start_sp,
                               StackFrameRecord const* begin, StackFrameRecord const* end,
                               unsigned int frame_limit);
@@ -147,12 +153,14 @@ TQCORE_EXPORT void dump_stack(std::ostream& stream, ucontext_t const* context,
 TQCORE_EXPORT std::string format_registers(ucontext_t const& context);
 
 // The symbolic trace of the calling thread, one line a frame, without this function's own
-// frames and `skip_frames` more; `max_frames` 0 means all. "<failed>" if anything goes wrong.
+// frames and `skip_frames` more; `max_frames` 0 means all. "<failed>" if anything goes wrong
+// (it never raises). Not signal-safe: it allocates and takes the symbol engine's lock.
 TQCORE_EXPORT std::string get_stack_backtrace(unsigned int skip_frames = 0,
                                               unsigned int max_frames = 0);
 
 // Readies the walker for the calling thread (its stack bounds) so that a later walk in a
 // failing process neither allocates nor reads files. Symbols load at the first rendering.
+// Not signal-safe.
 TQCORE_EXPORT void preinitialize_diagnostics_libraries();
 
 }  // namespace tqcore
