@@ -151,7 +151,7 @@ std::vector<Row> rows() {
       {"guard with handlers", [] { Future<> a, b; { ResultControlFutureRef<> ca(a), cb(b); AutoSignalAsyncResult<> guard; guard.push_back(ca.create_async_handler()); guard.push_back(cb.create_async_handler()); } check(a.is_ready() && b.is_ready(), "both failed"); }},
       {"barrier", [] { Future<int> a, b; AnyFutureBarrier barrier; barrier.push_back(a); barrier.push_back(b); check(barrier.set_error_if_not_ready(failure("error.oom.b")) == 2, "both"); }},
       {"static instance on first use", [] { check(g_instance->text.size() == 100, "built"); }},
-      {"symbolic backtrace, whole or without symbols", [] { std::string const t = get_stack_backtrace(0, 4); if (t == "<failed>") throw std::bad_alloc(); check(std::count(t.begin(), t.end(), '\n') == 4 && (t.find("oom_test!") != std::string::npos || t.find("<no symbols>") != std::string::npos), "four frames"); }},
+      {"symbolic backtrace, whole or without symbols (inlined calls add lines)", [] { std::string const t = get_stack_backtrace(0, 4); if (t == "<failed>") throw std::bad_alloc(); check(std::count(t.begin(), t.end(), '\n') >= 4 && (t.find("oom_test!") != std::string::npos || t.find("<no symbols>") != std::string::npos), "four frames"); }},
   };
 }
 // clang-format on
