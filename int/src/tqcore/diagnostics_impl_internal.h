@@ -34,7 +34,10 @@ class ReadablePageMemo {
 };
 // One 8-byte word the caller knows to be readable. Stack words between frames may lie in a
 // sanitizer's red zones, which a dump reads on purpose. Signal-safe.
-uint64_t load_word(uint64_t address) noexcept;
+__attribute__((no_sanitize("address", "hwaddress", "thread"))) inline uint64_t load_word(
+    uint64_t address) noexcept {
+  return *static_cast<uint64_t const volatile*>(as_pointer(address));
+}
 // The base of the loaded object that holds `address`; false outside every object. Signal-safe.
 bool object_base(uint64_t address, uint64_t& base) noexcept;
 // Whether `address` lies in an executable mapping. Signal-safe.

@@ -151,11 +151,6 @@ bool read_memory(uint64_t address, void* out, size_t size) noexcept {
   return false;
 }
 
-__attribute__((no_sanitize("address", "hwaddress", "thread"))) uint64_t load_word(
-    uint64_t address) noexcept {
-  return *static_cast<uint64_t const volatile*>(as_pointer(address));
-}
-
 bool is_readable(uint64_t address, size_t size) noexcept {
   StackBounds const stack = thread_stack_bounds();
   auto const here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
