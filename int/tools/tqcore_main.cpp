@@ -138,15 +138,16 @@ namespace {
 using tool::read_all;
 using tool::usage_error;
 
-// A three-record chain as a failing call would build it: a parse failure, the configuration
-// load that saw it, and the start-up that gave up.
+// A three-record chain as a failing start-up builds it: the record a real parse raises, the
+// configuration load that saw it, and the start-up that gave up.
 tqcore::ErrorInfo::Ptr sample_chain() {
   using namespace tqcore;
-  ErrorInfo::Ptr parse =
-      ErrorComposer("The month of '{@utcTime}' is out of range.")
-          .param(SourceString::create_reference("utcTime"), "2026-13-01T00:00:00Z")
-          .create(error::tqcore_absoluteTime_invalidUtcString,
-                  SourceLocation("tqcore::AbsoluteTime::from_string()", kFileId, 42));
+  ErrorInfo::Ptr parse;
+  try {
+    AbsoluteTime::from_string("2026-13-01T00:00:00Z");
+  } catch (ErrorException const& e) {
+    parse = e.error();
+  }
   ErrorInfo::Ptr load =
       ErrorComposer("Invalid value in {@path} at line {@line}.")
           .param(SourceString::create_reference("path"), "/etc/example/service.conf")
