@@ -16,15 +16,12 @@
 #include <vector>
 
 #include "stack_chain_helper.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
+using tqcore_test::kAddressSanitizer;
 
 std::string trace_text(char const* message_template, char const* packed, size_t size) {
   testing::internal::CaptureStderr();

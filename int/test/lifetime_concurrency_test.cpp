@@ -19,15 +19,12 @@
 #include <vector>
 
 #include "child_process.h"
+#include "test_support.h"
 
 namespace tqcore {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
-#endif
+using tqcore_test::kAddressSanitizer;
 
 using tqcore_test::ChildResult;
 using tqcore_test::run_in_child;
