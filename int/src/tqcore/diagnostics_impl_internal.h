@@ -72,12 +72,11 @@ void strip_function_signature(std::string& name);
 // std::bad_alloc when the demangler runs out of memory.
 std::string demangle(char const* linkage_name);
 
-// The frame a parameter is read from, and what has been said of the frame so far.
+// The frame a parameter is read from, and how many parameters have been written so far.
 struct ParameterRenderState {
   std::ostream& stream;
   StackFrameRecord const& frame;
   unsigned int count = 0;
-  uint64_t highest_read = 0;
 };
 
 }  // namespace impl

@@ -264,9 +264,6 @@ void render_parameter(ParameterRenderState& state, ParameterPlan const& plan) {
     state.stream << "=<inv stack>";
     return;
   }
-  if (place.where == Where::memory && place.address + plan.size > state.highest_read) {
-    state.highest_read = place.address + plan.size;
-  }
   write_value(state.stream, plan, place);
 }
 
