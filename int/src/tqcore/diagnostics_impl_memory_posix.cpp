@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "diagnostics_impl_fault.h"
 #include "diagnostics_impl_internal.h"
 
 namespace tqcore {
@@ -132,6 +133,8 @@ __attribute__((no_sanitize("address", "hwaddress", "thread"))) bool read_live_st
     uint64_t address, void* out, size_t size) noexcept {
   StackBounds const stack = thread_stack_bounds();
   auto const here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
+  // Off the thread's own stack (a report built on a stack of its own) nothing counts as live.
+  if (here < stack.low || here > stack.high) return false;
   if (address < here || address > stack.high || stack.high - address < size) return false;
   auto const* from = static_cast<unsigned char const volatile*>(as_pointer(address));
   auto* to = static_cast<unsigned char*>(out);
@@ -154,7 +157,10 @@ bool read_memory(uint64_t address, void* out, size_t size) noexcept {
 bool is_readable(uint64_t address, size_t size) noexcept {
   StackBounds const stack = thread_stack_bounds();
   auto const here = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
-  if (address >= here && address <= stack.high && stack.high - address >= size) return true;
+  if (here >= stack.low && address >= here && address <= stack.high &&
+      stack.high - address >= size) {
+    return true;
+  }
   if (known_readable(address, size)) return true;
   uint64_t const start = address;
   size_t const length = size;
@@ -204,6 +210,7 @@ StackBounds thread_stack_bounds() noexcept {
     auto const base = reinterpret_cast<uint64_t>(low);
     g_threadStack.bounds = StackBounds{base, base + size};
     g_threadStack.known = true;
+    if (size != 0) register_thread_stack(base, base + size);
   }
   return g_threadStack.bounds;
 }

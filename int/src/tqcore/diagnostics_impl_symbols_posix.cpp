@@ -301,6 +301,16 @@ void render_without_engine(std::ostream& stream, StackFrameRecord const& frame) 
 }  // namespace
 
 void symbol_engine_before_fork() noexcept { pthread_mutex_lock(&g_engine.lock); }
+
+// A dump may be written in a signal handler while another thread holds the engine: it waits
+// a bounded time instead of hanging the crash.
+bool lock_symbol_engine_for_dump() noexcept {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += 5;
+  return pthread_mutex_timedlock(&g_engine.lock, &deadline) == 0;
+}
+void unlock_symbol_engine_for_dump() noexcept { pthread_mutex_unlock(&g_engine.lock); }
 void symbol_engine_after_fork(bool in_child) noexcept {
   if (in_child) {
     reset_recursive_lock(g_engine.lock);

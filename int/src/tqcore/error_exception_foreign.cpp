@@ -74,10 +74,4 @@ ErrorInfo::Ptr ErrorInfo::from_exception(std::exception const& e, SourceLocation
   return create(error::exception, what_of(e), std::move(params), location);
 }
 
-// The one seam for what is known of an exception that is not a std::exception; the fault
-// report of the diagnostics takes its place.
-ErrorInfo::Ptr ErrorInfo::from_anonymous_exception(SourceLocation const& location) {
-  return create(error::exception_unknown, "Unknown exception", location);
-}
-
 }  // namespace tqcore

@@ -11,6 +11,7 @@ namespace {
 
 void before_fork() {
   symbol_engine_before_fork();
+  ignored_asserts_before_fork();
   unwinder_before_fork();
   static_instance_before_fork();
   key_caches_before_fork();
@@ -26,6 +27,7 @@ void after_fork(bool in_child) {
   key_caches_after_fork();
   static_instance_after_fork();
   unwinder_after_fork(in_child);
+  ignored_asserts_after_fork(in_child);
   symbol_engine_after_fork(in_child);
 }
 

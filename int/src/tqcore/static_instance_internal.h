@@ -31,6 +31,10 @@ void scope_check_after_fork();
 void sequential_state_before_fork();
 void sequential_state_after_fork(bool in_child);
 
+// The lock of the silenced assertion sites, held only around a look-up or an insertion.
+void ignored_asserts_before_fork() noexcept;
+void ignored_asserts_after_fork(bool in_child) noexcept;
+
 // The random generator's lock, last: naming keys and sequential identifiers draw random words
 // under their own locks. A child reseeds.
 void random_before_fork() noexcept;

@@ -19,6 +19,10 @@ TQCORE_EXPORT size_t interned_string_count();
 // Uuid::create_sequential: lets a test drive the counter through a whole clock value.
 TQCORE_EXPORT Uuid create_sequential_at(int64_t now);
 
+// The dump credits' word: the period in the high 32 bits, the credits left in the low 16.
+TQCORE_EXPORT uint64_t dump_credit_word() noexcept;
+TQCORE_EXPORT void set_dump_credit_word(uint64_t word) noexcept;
+
 }  // namespace testing
 }  // namespace impl
 }  // namespace tqcore

@@ -10,6 +10,7 @@
 //   tqcore::trace_critical_error(location, "Lost {} of {} records", "3\0" "10", 5);
 #pragma once
 
+#include <tqcore/error_info.h>
 #include <tqcore/source_string.h>
 #include <tqcore/tqcore_export.h>
 
@@ -19,6 +20,7 @@
 #include <string>
 #include <string_view>
 
+#include <signal.h>
 #include <sys/ucontext.h>
 
 namespace tqcore {
@@ -162,5 +164,109 @@ TQCORE_EXPORT std::string get_stack_backtrace(unsigned int skip_frames = 0,
 // failing process neither allocates nor reads files. Symbols load at the first rendering.
 // Not signal-safe.
 TQCORE_EXPORT void preinitialize_diagnostics_libraries();
+
+// ---- Faults, memory dumps and assertion reports ----------------------------------------------
+
+// A fault in the form the reports use: the code of the fault-code table (0xC0000005 for an
+// access violation, 0xE06D7363 for a C++ object in flight, ...), the instruction it happened
+// at and up to 15 parameters. `signal` is the signal that carried it, 0 if none did.
+struct FaultRecord {
+  static constexpr unsigned int PARAMETER_CAPACITY = 15;
+  uint32_t code = 0;
+  int signal = 0;
+  int signal_code = 0;  // the signal's si_code
+  uint64_t address = 0;
+  uint32_t parameter_count = 0;
+  uint64_t parameters[PARAMETER_CAPACITY] = {};
+};
+
+// A fault and the processor context it happened in. When the frames were walked while the
+// faulting stack was still intact, [frames_begin, frames_end) holds them and a report uses
+// them instead of walking the context again.
+struct ExceptionPointers {
+  FaultRecord const* record = nullptr;
+  ucontext_t const* context = nullptr;
+  StackFrameRecord const* frames_begin = nullptr;
+  StackFrameRecord const* frames_end = nullptr;
+};
+
+// The fault the calling thread is handling: the one a diagnostic signal handler recorded
+// before it returned to `main_invoker`'s recovery point. Both members stay null otherwise: a
+// C++ object in flight is found by ErrorInfo::from_anonymous_exception itself.
+TQCORE_EXPORT void find_current_exception(ExceptionPointers* out) noexcept;
+
+// The record of a fault: "error.exception.fault.accessViolation" for 0xC0000005,
+// "error.exception.fault.cppException" for 0xE06D7363 (the object in flight described), else
+// "error.exception.fault" with the fault's text; registers, stack trace and stack dump from the
+// context. Never raises on account of what it finds (std::bad_alloc it does pass on).
+TQCORE_EXPORT ErrorInfo::Ptr make_fault_error_info(ExceptionPointers const& pointers,
+                                                   SourceLocation const& location);
+
+enum EDiagnosticMemoryDumpType : int {
+  // All writable and anonymous memory, and the first page of every loaded ELF object.
+  dump_full = 0,
+  // The stacks and those first pages only.
+  dump_stacks = 2,
+};
+
+// Writes an ELF core file of this process (readable with `gdb <program> <dump>`) to `path`,
+// or, when it is null or empty, to a generated name (see make_dump_file_path). `path_out`, when
+// given, receives the path written, NUL-terminated and cut to its size. Never uses a dump
+// credit. Needs no heap: it works when memory has run out, and in a signal handler.
+TQCORE_EXPORT bool create_diagnostic_memory_dump(EDiagnosticMemoryDumpType type, char const* path,
+                                                 char* path_out, size_t path_out_size) noexcept;
+// The same for a given fault (its context becomes the dumping thread's registers); with null
+// pointers, the current fault if one is being handled, else the caller's own context.
+TQCORE_EXPORT bool write_memory_dump(ExceptionPointers const* pointers,
+                                     EDiagnosticMemoryDumpType type, char const* path,
+                                     char* path_out, size_t path_out_size) noexcept;
+// "<root>/<YYYY-MM-DD>/<program>_<YYYYMMDDhhmmss>_<pid>_<tid in hex>.dmp" in local time. The
+// root is TQTQ_TRACE_ROOT ("\\" read as "/"), the date directory created under it; without a
+// usable root, $TMPDIR or /tmp with no date directory. False if the path does not fit
+// `capacity` bytes with its NUL. Uses no heap; signal-safe.
+TQCORE_EXPORT bool make_dump_file_path(char* buffer, unsigned int capacity) noexcept;
+
+// For a `catch (...)` block: takes a dump credit, writes a dump while the credits last, and
+// traces the error of the exception in flight as a critical error saying what became of the
+// dump. At most 16 dumps a credit period (see set_diagnostic_trace_handlers); never raises.
+TQCORE_EXPORT void create_dump_and_trace_anonymous_exception(SourceLocation const& where) noexcept;
+
+// The report of a failed run-time check. Asks the person at the controlling terminal, when
+// there is one, "Abort, Retry, Ignore? [a/r/i] " (an upper-case answer means the same with
+// Shift), and traces the report through the assertion handler. True: the caller goes on.
+// False: the caller is to break into the debugger (Retry). Shift+Retry raises
+// "error.exception.assert"; Shift+Ignore silences the site for the rest of the process;
+// Abort raises SIGABRT, with Shift after writing a dump. With TQTQ_ASSERT_THROW_ALWAYS set
+// to "true", "yes" (any case), "1" or empty, it raises without asking or tracing.
+TQCORE_EXPORT bool report_failed_debug_assert(char const* file, unsigned int line,
+                                              char const* function, char const* expression,
+                                              char const* details);
+
+// Gives the calling thread an alternate signal stack for its scope, so that a fault there,
+// even a stack overflow, reaches the diagnostic signal handlers (see
+// ScopedDiagnosticSignalHandler) and is reported. The main thread has one inside main_invoker.
+class TQCORE_EXPORT ScopedSignalAlternateStack {
+ public:
+  ScopedSignalAlternateStack();
+  ~ScopedSignalAlternateStack();
+  ScopedSignalAlternateStack(ScopedSignalAlternateStack const&) = delete;
+  ScopedSignalAlternateStack& operator=(ScopedSignalAlternateStack const&) = delete;
+
+  // False if the stack could not be mapped; the thread then goes without. A nested guard is
+  // active through the outer one.
+  bool is_active() const noexcept { return m_active; }
+
+ private:
+  void* m_block = nullptr;
+  stack_t m_previous{};
+  bool m_active = false;
+};
+
+namespace impl {
+// report_failed_debug_assert with the number of the caller's frames to leave out of the trace.
+TQCORE_EXPORT bool report_failed_assert_aux(char const* file, unsigned int line,
+                                            char const* function, char const* expression,
+                                            char const* details, unsigned int skip_frames);
+}  // namespace impl
 
 }  // namespace tqcore

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
+#include <tqcore/bad_alloc_handler.h>
 #include <tqcore/barrier.h>
 #include <tqcore/diagnostics.h>
 #include <tqcore/error_builder.h>
@@ -10,6 +11,7 @@
 #include <tqcore/error_info.h>
 #include <tqcore/error_params.h>
 #include <tqcore/future.h>
+#include <tqcore/main_intercept.h>
 #include <tqcore/murmur_hash.h>
 #include <tqcore/object_key.h>
 #include <tqcore/random.h>
