@@ -57,6 +57,11 @@ int run(int argc, char** argv) {
   if (mode == "terminate-thread") std::thread([] { std::terminate(); }).join();
   if (mode == "new") crash_new();
   if (mode == "assert") crash_assert();
+  if (mode == "dump-path") {
+    char path[292];
+    std::printf("%s\n", tqcore::make_dump_file_path(path, sizeof(path)) ? path : "<failed>");
+    return 0;
+  }
   if (mode == "thread-fault") {
     std::thread([] {
       tqcore::ScopedSignalAlternateStack const stack;

@@ -18,6 +18,11 @@ constexpr bool kAddressSanitizer = true;
 #else
 constexpr bool kAddressSanitizer = false;
 #endif
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
 
 inline tqcore::ErrorInfo::Ptr failure(char const* code) {
   return tqcore::ErrorInfo::create(tqcore::ErrorCode(code), "failed",

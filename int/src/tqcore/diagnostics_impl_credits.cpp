@@ -69,6 +69,7 @@ bool acquire_dump_credit() noexcept {
 namespace testing {
 uint64_t dump_credit_word() noexcept { return g_dumpCredits.load(); }
 void set_dump_credit_word(uint64_t word) noexcept { g_dumpCredits.store(word); }
+bool take_dump_credit() noexcept { return acquire_dump_credit(); }
 }  // namespace testing
 
 }  // namespace impl

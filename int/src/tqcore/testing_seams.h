@@ -22,6 +22,7 @@ TQCORE_EXPORT Uuid create_sequential_at(int64_t now);
 // The dump credits' word: the period in the high 32 bits, the credits left in the low 16.
 TQCORE_EXPORT uint64_t dump_credit_word() noexcept;
 TQCORE_EXPORT void set_dump_credit_word(uint64_t word) noexcept;
+TQCORE_EXPORT bool take_dump_credit() noexcept;
 
 }  // namespace testing
 }  // namespace impl
