@@ -14,6 +14,8 @@ bool read_all(std::string const& path, std::string* text);
 
 // `tqcore stack [--max N]`: the tool's own symbolic backtrace.
 int run_stack(std::vector<std::string> const& args);
+// `tqcore crash segv|fpe|abort|throw|overflow|assert`: fails on purpose under main_invoker.
+int run_crash(std::vector<std::string> const& args);
 
 // Removes "--json" from the arguments; true when it was there.
 bool take_json_flag(std::vector<std::string>* args);

@@ -52,6 +52,9 @@ void print_usage(std::ostream& out) {
          "                     --seed the process seed is random, so values differ per run\n"
          "  stack [--max N]    the tool's own symbolic backtrace (N frames at most), one line\n"
          "                     a frame: [ip]module!function(parameters) - file(line)+offset\n"
+         "  crash segv|fpe|abort|throw|overflow|assert\n"
+         "                     fail on purpose, to see the report and the memory dump a crash\n"
+         "                     leaves (the dump goes under $TQTQ_TRACE_ROOT, else $TMPDIR or /tmp)\n"
          "\n"
          "Options:\n"
          "  --help     show this text (COMMAND --help: that command's, with an example)\n"
@@ -110,6 +113,13 @@ constexpr CommandHelp kCommandHelp[] = {
      "Usage: tqcore stack [--max N]\n\nPrints the tool's own symbolic backtrace, one line a "
      "frame, as crash\nreports show them: [ip]module!function(parameters) - file(line)+offset."
      "\n\nExample:\n  tqcore stack --max 4\n"},
+    {"crash",
+     "Usage: tqcore crash segv|fpe|abort|throw|overflow|assert\n\nFails on purpose inside "
+     "main_invoker: a null write, a division by zero, abort(),\nan exception leaving main, "
+     "a stack overflow, or a failed assertion (asked on the\nterminal when there is one). "
+     "The report goes to standard error, the memory dump\n(an ELF core: gdb tqcore <dump>) "
+     "under $TQTQ_TRACE_ROOT/<date>, else $TMPDIR or /tmp.\nThe process ends with SIGABRT.\n\n"
+     "Example:\n  TQTQ_TRACE_ROOT=/tmp/traces tqcore crash fpe\n"},
 };
 
 // `tqcore COMMAND --help` (or -h) anywhere after the command: the command's own help.
@@ -394,6 +404,7 @@ int main(int argc, char** argv) {
     if (command == "uuid") return tool::run_uuid(args);
     if (command == "hash") return tool::run_hash(args);
     if (command == "stack") return tool::run_stack(args);
+    if (command == "crash") return tool::run_crash(args);
     if (command == "base64" || command == "base32" || command == "hex") {
       return run_codec(command, args);
     }
