@@ -31,34 +31,77 @@ struct CrashCase {
 };
 
 std::vector<CrashCase> const kCrashes = {
-    {"null-write", nullptr, SIGABRT, true, "crash_null_write",
-     {"error.exception.fault.accessViolation", "attempted 'write' access at virtual address "
-      "0x0000000000000000", "'signal' => \"SIGSEGV\"", "crash_null_write(value=",
+    {"null-write",
+     nullptr,
+     SIGABRT,
+     true,
+     "crash_null_write",
+     {"error.exception.fault.accessViolation",
+      "attempted 'write' access at virtual address "
+      "0x0000000000000000",
+      "'signal' => \"SIGSEGV\"", "crash_null_write(value=",
       "Application main() function exited with unknown exception!", "Created memory dump: /"}},
-    {"null-read", nullptr, SIGABRT, true, nullptr, {"attempted 'read' access", "crash_null_read()"}},
+    {"null-read",
+     nullptr,
+     SIGABRT,
+     true,
+     nullptr,
+     {"attempted 'read' access", "crash_null_read()"}},
     {"execute", nullptr, SIGABRT, true, nullptr, {"attempted 'execute' access"}},
-    {"divide", nullptr, SIGABRT, true, "crash_divide",
+    {"divide",
+     nullptr,
+     SIGABRT,
+     true,
+     "crash_divide",
      {"Fault \"Integer divide-by-zero\" by thread 0x", "'windowsFaultCode' => \"0xc0000094\"",
       "'signal' => \"SIGFPE\"", "crash_divide(value="}},
-    {"overflow", nullptr, SIGABRT, true, nullptr,
+    {"overflow",
+     nullptr,
+     SIGABRT,
+     true,
+     nullptr,
      {"Fault \"Stack overflow\"", "'stackTrace' => \"<failed>\""}},
     {"abort", nullptr, SIGABRT, false, nullptr, {}},
-    {"throw-int", nullptr, SIGABRT, true, nullptr,
+    {"throw-int",
+     nullptr,
+     SIGABRT,
+     true,
+     nullptr,
      {"C++ exception of type 'int' thrown by thread", "ObjectSize: 4", "ObjectDump: 2a000000",
       "'windowsFaultCode' => \"0xe06d7363\"", "!!!!! Aborting process NOW !!!!!"}},
-    {"throw-runtime", nullptr, SIGABRT, true, nullptr,
+    {"throw-runtime",
+     nullptr,
+     SIGABRT,
+     true,
+     nullptr,
      {"Application main() function exited with an exception!  Exception: helper gave up",
       "Exception that probably caused termination: ", "error.exception.runtime_error"}},
-    {"terminate-thread", nullptr, SIGABRT, true, nullptr,
+    {"terminate-thread",
+     nullptr,
+     SIGABRT,
+     true,
+     nullptr,
      {"!!! std::terminate() called; exception thrown while unwinding stack",
       "error.exception.unknown"}},
     {"new", nullptr, SIGABRT, true, nullptr, {"Memory allocation failed! Dump: /"}},
-    {"assert", "yes", SIGABRT, true, nullptr,
+    {"assert",
+     "yes",
+     SIGABRT,
+     true,
+     nullptr,
      {"error.exception.assert", "Expression: 1 == 2", "crash_assert()"}},
-    {"assert", "0", 0, false, nullptr,
+    {"assert",
+     "0",
+     0,
+     false,
+     nullptr,
      {"*** ASSERT - tqcore::impl::report_failed_assert_aux()", "Line:       42",
       "---BeginStackTrace---\n[0x", "crash_assert() - crash_helper.cpp("}},
-    {"thread-fault", nullptr, SIGABRT, true, "crash_null_write",
+    {"thread-fault",
+     nullptr,
+     SIGABRT,
+     true,
+     "crash_null_write",
      {"Fault \"Access violation\" (0xc0000005, SIGSEGV)", "tqcore_crash_helper+0x",
       "!!!!! Aborting process NOW !!!!!"}},
 };
@@ -109,7 +152,8 @@ TEST_P(CrashTest, EndsReportsAndDumpsAsItShould) {
   } else {
     EXPECT_TRUE(child.exited(5)) << child.status << "\n" << child.output;
   }
-  for (char const* text : crash.texts) EXPECT_NE(child.output.find(text), std::string::npos) << text;
+  for (char const* text : crash.texts)
+    EXPECT_NE(child.output.find(text), std::string::npos) << text;
   std::vector<fs::path> const written = dumps();
   ASSERT_EQ(written.size(), crash.dump ? 1u : 0u) << child.output;  // one crash, one dump
   if (!crash.dump) return;
@@ -137,8 +181,8 @@ INSTANTIATE_TEST_SUITE_P(Helper, CrashTest, ::testing::ValuesIn(kCrashes),
 TEST_F(CrashTest, DumpNameTakesTheProgramNameUpToItsLastDot) {
   fs::path const copy = m_root / "a.b.exe";
   fs::copy_file(TQCORE_CRASH_HELPER, copy);
-  tqcore_test::ChildResult const child =
-      tqcore_test::run_program(copy.string(), {"dump-path"}, {"TQTQ_TRACE_ROOT=" + m_root.string()});
+  tqcore_test::ChildResult const child = tqcore_test::run_program(
+      copy.string(), {"dump-path"}, {"TQTQ_TRACE_ROOT=" + m_root.string()});
   std::regex const path(m_root.string() + R"(/\d{4}-\d\d-\d\d/a\.b_\d{14}_\d+_[0-9a-f]+\.dmp\n)");
   EXPECT_TRUE(std::regex_match(child.output, path)) << child.output;
 }

@@ -104,21 +104,22 @@ TEST_P(FaultRecordTest, ShowsTheTableText) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, FaultRecordTest,
-    ::testing::Values(
-        FaultCase{0xC0000005u, 2, "error.exception.fault.accessViolation", "faultAccessType", "write"},
-        FaultCase{0xC0000005u, 2, "error.exception.fault.accessViolation", "faultAccessAddress",
-                  "0x0000000000000002"},
-        FaultCase{0xC0000005u, 3, "error.exception.fault.accessViolation", "faultAccessType",
-                  "<unknown>"},
-        FaultCase{0xC0000194u, 0, "error.exception.fault", "faultText", "Possible Deadlock"},
-        FaultCase{0x12345678u, 0, "error.exception.fault", "faultText", "0x12345678"},
-        FaultCase{0xC00000FDu, 0, "error.exception.fault", "stackTrace", "<failed>"},
-        FaultCase{0xC0000094u, 20, "error.exception.fault", "faultParameters",
-                  "0x0000000000000001, 0x0000000000000002, 0x0000000000000003, "
-                  "0x0000000000000004, 0x0000000000000005, 0x0000000000000006, "
-                  "0x0000000000000007, 0x0000000000000008, 0x0000000000000009, "
-                  "0x000000000000000a, 0x000000000000000b, 0x000000000000000c, "
-                  "0x000000000000000d, 0x000000000000000e, 0x000000000000000f"}));
+    ::testing::Values(FaultCase{0xC0000005u, 2, "error.exception.fault.accessViolation",
+                                "faultAccessType", "write"},
+                      FaultCase{0xC0000005u, 2, "error.exception.fault.accessViolation",
+                                "faultAccessAddress", "0x0000000000000002"},
+                      FaultCase{0xC0000005u, 3, "error.exception.fault.accessViolation",
+                                "faultAccessType", "<unknown>"},
+                      FaultCase{0xC0000194u, 0, "error.exception.fault", "faultText",
+                                "Possible Deadlock"},
+                      FaultCase{0x12345678u, 0, "error.exception.fault", "faultText", "0x12345678"},
+                      FaultCase{0xC00000FDu, 0, "error.exception.fault", "stackTrace", "<failed>"},
+                      FaultCase{0xC0000094u, 20, "error.exception.fault", "faultParameters",
+                                "0x0000000000000001, 0x0000000000000002, 0x0000000000000003, "
+                                "0x0000000000000004, 0x0000000000000005, 0x0000000000000006, "
+                                "0x0000000000000007, 0x0000000000000008, 0x0000000000000009, "
+                                "0x000000000000000a, 0x000000000000000b, 0x000000000000000c, "
+                                "0x000000000000000d, 0x000000000000000e, 0x000000000000000f"}));
 
 // The period handler is process-wide: each test puts the default back.
 unsigned int g_period = 0;
@@ -165,7 +166,8 @@ TEST_F(DumpCredits, ExhaustedCreditsWriteNoDumpButStillTrace) {
     tqcore::create_dump_and_trace_anonymous_exception(kHere);
   }
   EXPECT_EQ(g_traced.rfind("Unknown exception occurred on thread {} (no dump created as dump "
-                           "credits exhausted).  Error: {}|0x", 0),
+                           "credits exhausted).  Error: {}|0x",
+                           0),
             0u)
       << g_traced;
   EXPECT_NE(g_traced.find("error.exception.fault.cppException"), std::string::npos);
@@ -203,7 +205,8 @@ TEST_F(DumpPath, RootWithBackslashesAndSlashesGetsOneSlashAndTheDate) {
   std::string root = m_root + "\\traces//";
   setenv("TQTQ_TRACE_ROOT", root.c_str(), 1);
   std::string const made = path();
-  std::regex const form(m_root + R"(/traces/\d{4}-\d\d-\d\d/tqcore_test_\d{14}_\d+_[0-9a-f]+\.dmp)");
+  std::regex const form(m_root +
+                        R"(/traces/\d{4}-\d\d-\d\d/tqcore_test_\d{14}_\d+_[0-9a-f]+\.dmp)");
   EXPECT_TRUE(std::regex_match(made, form)) << made;
   EXPECT_TRUE(fs::is_directory(fs::path(made).parent_path()));
 }
@@ -239,9 +242,10 @@ TEST_P(ThrowAlways, ReadsTheVariable) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, ThrowAlways,
-                         ::testing::Values(ThrowAlwaysCase{"TRUE", true}, ThrowAlwaysCase{"Yes", true},
-                                           ThrowAlwaysCase{"1", true}, ThrowAlwaysCase{"", true},
-                                           ThrowAlwaysCase{"0", false}, ThrowAlwaysCase{"on", false},
+                         ::testing::Values(ThrowAlwaysCase{"TRUE", true},
+                                           ThrowAlwaysCase{"Yes", true}, ThrowAlwaysCase{"1", true},
+                                           ThrowAlwaysCase{"", true}, ThrowAlwaysCase{"0", false},
+                                           ThrowAlwaysCase{"on", false},
                                            ThrowAlwaysCase{"11", false},
                                            ThrowAlwaysCase{nullptr, false}));
 
@@ -318,7 +322,7 @@ TEST(AssertReport, AnswerLines) {
     int choice;
     bool modifier;
   } const rows[] = {{"a", 3, false}, {"  R\n", 4, true}, {"ignore", 5, false},
-                    {"I", 5, true},  {"x", 0, false},     {"", 0, false}};
+                    {"I", 5, true},  {"x", 0, false},    {"", 0, false}};
   for (Row const& row : rows) {
     tqcore::impl::AssertAnswer const answer = tqcore::impl::parse_assert_answer(row.line);
     EXPECT_EQ(answer.choice, row.choice) << row.line;

@@ -54,9 +54,8 @@ __attribute__((noinline)) int recurse_forever(int depth) {
   return recurse_forever(depth + 1) + frame[0];
 }
 __attribute__((noinline)) int fail_an_assertion() {
-  bool const go_on =
-      tqcore::report_failed_debug_assert(__FILE__, __LINE__, "fail_an_assertion", "2 + 2 == 5",
-                                         "shown by `tqcore crash assert`");
+  bool const go_on = tqcore::report_failed_debug_assert(
+      __FILE__, __LINE__, "fail_an_assertion", "2 + 2 == 5", "shown by `tqcore crash assert`");
   std::cout << (go_on ? "the assertion was ignored\n" : "the assertion asked for a debugger\n");
   return 0;
 }
@@ -74,8 +73,8 @@ int crash_main(int, char**) {
 
 int tool::run_crash(std::vector<std::string> const& args) {
   static char const* const kModes[] = {"segv", "fpe", "abort", "throw", "overflow", "assert"};
-  if (args.size() != 1 || std::find(std::begin(kModes), std::end(kModes), args[0]) ==
-                              std::end(kModes)) {
+  if (args.size() != 1 ||
+      std::find(std::begin(kModes), std::end(kModes), args[0]) == std::end(kModes)) {
     return usage_error("crash takes one of segv, fpe, abort, throw, overflow, assert");
   }
   g_crashMode = args[0];

@@ -92,9 +92,9 @@ std::string full_trace_text(AssertReport const& report) {
 
 std::string packed_trace(AssertReport const& report) {
   std::ostringstream packed;
-  packed << report.program << '\0' << report.utc << '\0' << report.process_id << '\0'
-         << report.file << '\0' << report.line << '\0' << (report.function ? report.function : "")
-         << '\0' << (report.expression ? report.expression : "") << '\0'
+  packed << report.program << '\0' << report.utc << '\0' << report.process_id << '\0' << report.file
+         << '\0' << report.line << '\0' << (report.function ? report.function : "") << '\0'
+         << (report.expression ? report.expression : "") << '\0'
          << (report.details ? report.details : "") << '\0' << full_trace_text(report);
   return stream_text(packed);
 }
@@ -208,8 +208,7 @@ void ignored_asserts_after_fork(bool in_child) noexcept {
 
 __attribute__((noinline)) bool report_failed_assert_aux(char const* file, unsigned int line,
                                                         char const* function,
-                                                        char const* expression,
-                                                        char const* details,
+                                                        char const* expression, char const* details,
                                                         unsigned int skip_frames) {
   AssertReport report;
   getcontext(&report.context);

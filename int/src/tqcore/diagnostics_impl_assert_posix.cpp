@@ -58,10 +58,17 @@ AssertAnswer parse_assert_answer(char const* line) {
   while (*line == ' ' || *line == '\t') ++line;
   AssertAnswer answer;
   switch (std::tolower(static_cast<unsigned char>(*line))) {
-    case 'a': answer.choice = kAnswerAbort; break;
-    case 'r': answer.choice = kAnswerRetry; break;
-    case 'i': answer.choice = kAnswerIgnore; break;
-    default: return answer;
+    case 'a':
+      answer.choice = kAnswerAbort;
+      break;
+    case 'r':
+      answer.choice = kAnswerRetry;
+      break;
+    case 'i':
+      answer.choice = kAnswerIgnore;
+      break;
+    default:
+      return answer;
   }
   answer.modifier = std::isupper(static_cast<unsigned char>(*line)) != 0;
   return answer;

@@ -38,11 +38,11 @@ struct Mapping {
   uint64_t file_offset;
   uint32_t name_at;
   uint32_t name_length;
-  uint32_t flags;       // PF_R, PF_W, PF_X
-  bool file;            // backed by a file, named in NT_FILE
-  bool dont_dump;       // excluded from core dumps, or nothing to read (device, [vvar])
-  bool modified;        // has private pages written since mapping (relocated data)
-  uint64_t dump_size;   // bytes of the mapping written, from its start
+  uint32_t flags;      // PF_R, PF_W, PF_X
+  bool file;           // backed by a file, named in NT_FILE
+  bool dont_dump;      // excluded from core dumps, or nothing to read (device, [vvar])
+  bool modified;       // has private pages written since mapping (relocated data)
+  uint64_t dump_size;  // bytes of the mapping written, from its start
 };
 
 // The writer's tables, in static storage and used under the dump lock. Untouched pages of
@@ -151,8 +151,8 @@ void add_mapping(MappingTable& table, char const* line) noexcept {
   ++line;
   mapping.end = parse_hex(line);
   ++line;
-  mapping.flags = (line[0] == 'r' ? PF_R : 0) | (line[1] == 'w' ? PF_W : 0) |
-                  (line[2] == 'x' ? PF_X : 0);
+  mapping.flags =
+      (line[0] == 'r' ? PF_R : 0) | (line[1] == 'w' ? PF_W : 0) | (line[2] == 'x' ? PF_X : 0);
   line = skip_field(line);
   mapping.file_offset = parse_hex(line);
   line = skip_field(skip_field(skip_field(line)));  // offset's rest, device, inode
@@ -216,7 +216,8 @@ void choose_contents(MappingTable& table, EDiagnosticMemoryDumpType type, uint64
     if (mapping.dont_dump) continue;
     char const* name = g_names + mapping.name_at;
     bool const anonymous = !mapping.file && !starts_with(name, "[vdso]");
-    bool const stack = (sp >= mapping.start && sp < mapping.end) || overlaps_recorded_stack(mapping);
+    bool const stack =
+        (sp >= mapping.start && sp < mapping.end) || overlaps_recorded_stack(mapping);
     bool whole = stack || starts_with(name, "[vdso]");
     // Relocated read-only data counts as written: it holds what a debugger needs to find the
     // loaded libraries.
@@ -249,7 +250,8 @@ class CoreWriter {
   void pad_to(uint64_t offset) noexcept {
     static char const kZeros[64] = {};
     while (m_offset + m_used < offset && m_ok) {
-      put(kZeros, static_cast<size_t>(std::min<uint64_t>(sizeof(kZeros), offset - m_offset - m_used)));
+      put(kZeros,
+          static_cast<size_t>(std::min<uint64_t>(sizeof(kZeros), offset - m_offset - m_used)));
     }
   }
   void flush() noexcept {
@@ -351,8 +353,8 @@ siginfo_t signal_info_of(FaultRecord const& record) noexcept {
   info.si_signo = record.signal;
   info.si_code = record.signal_code;
   bool const memory = record.signal == SIGSEGV || record.signal == SIGBUS;
-  info.si_addr = as_pointer(memory && record.parameter_count >= 2 ? record.parameters[1]
-                                                                  : record.address);
+  info.si_addr =
+      as_pointer(memory && record.parameter_count >= 2 ? record.parameters[1] : record.address);
   return info;
 }
 
@@ -434,8 +436,7 @@ struct Notes {
 size_t notes_size(Notes const& notes, MappingTable const& table) noexcept {
   return note_size(sizeof(notes.info)) + note_size(sizeof(notes.status)) +
          note_size(sizeof(notes.fpregs)) + note_size(sizeof(notes.signal)) +
-         (notes.auxv_size > 0 ? note_size(notes.auxv_size) : 0) +
-         note_size(file_note_size(table));
+         (notes.auxv_size > 0 ? note_size(notes.auxv_size) : 0) + note_size(file_note_size(table));
 }
 
 void put_notes(CoreWriter& out, Notes const& notes, MappingTable const& table) noexcept {
@@ -515,7 +516,8 @@ void put_memory(CoreWriter& out, uint64_t start, uint64_t size) noexcept {
   }
 }
 
-bool write_core(int fd, ExceptionPointers const& pointers, EDiagnosticMemoryDumpType type) noexcept {
+bool write_core(int fd, ExceptionPointers const& pointers,
+                EDiagnosticMemoryDumpType type) noexcept {
   static MappingTable table;
   table = MappingTable{};
   if (!read_mappings(table)) return false;

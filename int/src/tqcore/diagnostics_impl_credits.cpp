@@ -1,7 +1,6 @@
 // Dump credits, and the one call a `catch (...)` block makes to dump and trace what it caught.
 #include "diagnostics_impl_fault.h"
 #include "error_exception_internal.h"
-#include "file_ids.h"
 #include "testing_seams.h"
 
 #include <tqcore/streamers.h>
@@ -18,8 +17,6 @@ namespace {
 // The period in the high 32 bits, the credits left in it in the low 16.
 constexpr uint64_t kInitialCredits = 16;
 std::atomic<uint64_t> g_dumpCredits{kInitialCredits};
-
-constexpr char kFileId[] = TQCORE_FILE_ID("diagnostics_impl_credits");
 
 constexpr char kNoCredit[] =
     "Unknown exception occurred on thread {} (no dump created as dump credits exhausted).  "
@@ -39,7 +36,7 @@ DumpOutcome dump_for_catch(char* path, size_t capacity) noexcept {
   }
   if (!acquire_dump_credit()) return DumpOutcome::no_credit;
   return write_memory_dump(nullptr, dump_full, nullptr, path, capacity) ? DumpOutcome::written
-                                                                         : DumpOutcome::failed;
+                                                                        : DumpOutcome::failed;
 }
 
 std::string packed_report(DumpOutcome outcome, char const* path, SourceLocation const& where) {
@@ -74,8 +71,8 @@ bool take_dump_credit() noexcept { return acquire_dump_credit(); }
 
 }  // namespace impl
 
-bool create_diagnostic_memory_dump(EDiagnosticMemoryDumpType type, char const* path,
-                                   char* path_out, size_t path_out_size) noexcept {
+bool create_diagnostic_memory_dump(EDiagnosticMemoryDumpType type, char const* path, char* path_out,
+                                   size_t path_out_size) noexcept {
   return write_memory_dump(nullptr, type, path, path_out, path_out_size);
 }
 

@@ -64,9 +64,7 @@ size_t without_trailing_slashes(char const* text, size_t length) noexcept {
   return length;
 }
 
-bool make_directory(char const* path) noexcept {
-  return mkdir(path, 0777) == 0 || errno == EEXIST;
-}
+bool make_directory(char const* path) noexcept { return mkdir(path, 0777) == 0 || errno == EEXIST; }
 
 // TQTQ_TRACE_ROOT with "\\" read as "/", and the date directory; 0 if the root does not
 // count or a directory could not be made, -1 if there is no room for the date directory.
@@ -132,7 +130,8 @@ void civil_from_days(int64_t days, std::tm& out) noexcept {
   int64_t const day_of_era = days - era * 146097;
   int64_t const year_of_era =
       (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-  int64_t const day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+  int64_t const day_of_year =
+      day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
   int64_t const month_index = (5 * day_of_year + 2) / 153;
   out.tm_mday = static_cast<int>(day_of_year - (153 * month_index + 2) / 5 + 1);
   out.tm_mon = static_cast<int>(month_index < 10 ? month_index + 2 : month_index - 10);

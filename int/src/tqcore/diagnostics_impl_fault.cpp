@@ -96,10 +96,14 @@ std::string pointer_text(uint64_t value) { return text_of(streamers::Pointer(as_
 
 char const* access_type_text(uint64_t type) {
   switch (type) {
-    case 0: return "read";
-    case 1: return "write";
-    case 8: return "execute";
-    default: return nullptr;
+    case 0:
+      return "read";
+    case 1:
+      return "write";
+    case 8:
+      return "execute";
+    default:
+      return nullptr;
   }
 }
 
@@ -169,15 +173,24 @@ size_t fundamental_size(std::type_info const& type) {
     size_t size;
   };
   static Entry const kSizes[] = {
-      {typeid(bool), sizeof(bool)},         {typeid(char), sizeof(char)},
-      {typeid(signed char), 1},             {typeid(unsigned char), 1},
-      {typeid(wchar_t), sizeof(wchar_t)},   {typeid(char16_t), 2},
-      {typeid(char32_t), 4},                {typeid(short), sizeof(short)},
-      {typeid(unsigned short), sizeof(short)}, {typeid(int), sizeof(int)},
-      {typeid(unsigned int), sizeof(int)},  {typeid(long), sizeof(long)},
-      {typeid(unsigned long), sizeof(long)}, {typeid(long long), sizeof(long long)},
-      {typeid(unsigned long long), sizeof(long long)}, {typeid(float), sizeof(float)},
-      {typeid(double), sizeof(double)},     {typeid(long double), sizeof(long double)},
+      {typeid(bool), sizeof(bool)},
+      {typeid(char), sizeof(char)},
+      {typeid(signed char), 1},
+      {typeid(unsigned char), 1},
+      {typeid(wchar_t), sizeof(wchar_t)},
+      {typeid(char16_t), 2},
+      {typeid(char32_t), 4},
+      {typeid(short), sizeof(short)},
+      {typeid(unsigned short), sizeof(short)},
+      {typeid(int), sizeof(int)},
+      {typeid(unsigned int), sizeof(int)},
+      {typeid(long), sizeof(long)},
+      {typeid(unsigned long), sizeof(long)},
+      {typeid(long long), sizeof(long long)},
+      {typeid(unsigned long long), sizeof(long long)},
+      {typeid(float), sizeof(float)},
+      {typeid(double), sizeof(double)},
+      {typeid(long double), sizeof(long double)},
       {typeid(std::nullptr_t), sizeof(void*)},
   };
   for (Entry const& entry : kSizes) {
@@ -249,8 +262,8 @@ void add_common_params(ErrorParams& params, ExceptionPointers const& pointers) {
     if (record.code == kCodeStackOverflow) {
       // On an overflowed stack neither the walk nor the symbols are tried.
       std::ostringstream dump;
-      dump_stack(dump, static_cast<uint64_t>(pointers.context->uc_mcontext.gregs[REG_RSP]),
-                 nullptr, nullptr, 0);
+      dump_stack(dump, static_cast<uint64_t>(pointers.context->uc_mcontext.gregs[REG_RSP]), nullptr,
+                 nullptr, 0);
       add(params, "stackDump", stream_text(dump));
       add(params, "stackTrace", "<failed>");
     } else {

@@ -114,7 +114,7 @@ class SafeText {
   SafeText& text(char const* value) noexcept;
   SafeText& text(char const* value, size_t length) noexcept;
   SafeText& hex(uint64_t value, unsigned int digits) noexcept;  // "0x", at least `digits`
-  SafeText& hex_digits(uint64_t value) noexcept;  // lower-case digits only
+  SafeText& hex_digits(uint64_t value) noexcept;                // lower-case digits only
   SafeText& decimal(uint64_t value) noexcept;
   char const* data() const noexcept { return m_text; }
   size_t size() const noexcept { return m_size; }

@@ -21,7 +21,7 @@ namespace impl {
 namespace {
 
 constexpr size_t kGuardSize = 4096;
-constexpr size_t kAlternateStackSize = 256 * 1024;
+constexpr size_t kAlternateStackSize = size_t{256} * 1024;
 constexpr size_t kStateSize = (sizeof(FaultState) + 4095) & ~size_t{4095};
 constexpr size_t kBlockSize = kGuardSize + kAlternateStackSize + kStateSize;
 
@@ -44,14 +44,14 @@ struct CodeOfSignal {
 };
 
 constexpr CodeOfSignal kSignalCodes[] = {
-    {SIGBUS, BUS_ADRALN, 0x80000002u},  {SIGBUS, 0, 0xC0000006u},
-    {SIGFPE, FPE_INTDIV, 0xC0000094u},  {SIGFPE, FPE_INTOVF, 0xC0000095u},
-    {SIGFPE, FPE_FLTDIV, 0xC000008Eu},  {SIGFPE, FPE_FLTOVF, 0xC0000091u},
-    {SIGFPE, FPE_FLTUND, 0xC0000093u},  {SIGFPE, FPE_FLTRES, 0xC000008Fu},
-    {SIGFPE, FPE_FLTINV, 0xC0000090u},  {SIGFPE, FPE_FLTSUB, 0xC000008Cu},
-    {SIGILL, ILL_PRVOPC, 0xC0000096u},  {SIGILL, ILL_PRVREG, 0xC0000096u},
-    {SIGILL, 0, 0xC000001Du},           {SIGTRAP, TRAP_TRACE, 0x80000004u},
-    {SIGTRAP, 0, 0x80000003u},          {SIGSEGV, 0, kCodeAccessViolation},
+    {SIGBUS, BUS_ADRALN, 0x80000002u}, {SIGBUS, 0, 0xC0000006u},
+    {SIGFPE, FPE_INTDIV, 0xC0000094u}, {SIGFPE, FPE_INTOVF, 0xC0000095u},
+    {SIGFPE, FPE_FLTDIV, 0xC000008Eu}, {SIGFPE, FPE_FLTOVF, 0xC0000091u},
+    {SIGFPE, FPE_FLTUND, 0xC0000093u}, {SIGFPE, FPE_FLTRES, 0xC000008Fu},
+    {SIGFPE, FPE_FLTINV, 0xC0000090u}, {SIGFPE, FPE_FLTSUB, 0xC000008Cu},
+    {SIGILL, ILL_PRVOPC, 0xC0000096u}, {SIGILL, ILL_PRVREG, 0xC0000096u},
+    {SIGILL, 0, 0xC000001Du},          {SIGTRAP, TRAP_TRACE, 0x80000004u},
+    {SIGTRAP, 0, 0x80000003u},         {SIGSEGV, 0, kCodeAccessViolation},
 };
 
 struct SignalName {
@@ -60,7 +60,7 @@ struct SignalName {
 };
 
 constexpr SignalName kSignalNames[] = {
-    {SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"}, {SIGILL, "SIGILL"},
+    {SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},   {SIGILL, "SIGILL"},
     {SIGTRAP, "SIGTRAP"}, {SIGABRT, "SIGABRT"}, {SIGALRM, "SIGALRM"},
 };
 
@@ -331,8 +331,8 @@ void on_fault_signal(int signal, siginfo_t* info, void* raw_context) noexcept {
     state->pending = true;
     siglongjmp(*state->recovery, 1);
   }
-  bool const dumped = write_memory_dump(&pointers, dump_full, nullptr, state->dump_path,
-                                        sizeof(state->dump_path));
+  bool const dumped =
+      write_memory_dump(&pointers, dump_full, nullptr, state->dump_path, sizeof(state->dump_path));
   write_fault_report(*state, dumped);
   abort_process();
 }
@@ -358,8 +358,8 @@ void restore_fault_handlers(struct sigaction const* previous, bool installed) no
 }
 
 void* map_fault_block() noexcept {
-  void* block = mmap(nullptr, kBlockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                     -1, 0);
+  void* block =
+      mmap(nullptr, kBlockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (block == MAP_FAILED) return nullptr;
   mprotect(block, kGuardSize, PROT_NONE);
   new (static_cast<char*>(block) + kGuardSize + kAlternateStackSize) FaultState();

@@ -51,8 +51,8 @@ SourceLocation const& main_location() {
 // handler), trace, and end as an object leaving main would.
 [[noreturn]] void report_fault() {
   create_dump_and_trace_anonymous_exception(main_location());
-  trace_critical_error(main_location(), "Application main() function exited with unknown exception!",
-                       nullptr, 0);
+  trace_critical_error(main_location(),
+                       "Application main() function exited with unknown exception!", nullptr, 0);
   std::terminate();
 }
 
@@ -181,21 +181,21 @@ ScopedDiagnosticSignalHandler::ScopedDiagnosticSignalHandler() {
   preinitialize_diagnostics_libraries();
   impl::local_time_now();  // the offset a crash report converts with
   if (impl::thread_fault_state() == nullptr) {
-    m_alternate_stack = impl::map_fault_block();
-    if (m_alternate_stack != nullptr &&
-        !impl::install_fault_block(m_alternate_stack, &m_previous_stack)) {
-      m_alternate_stack = nullptr;
+    m_alternateStack = impl::map_fault_block();
+    if (m_alternateStack != nullptr &&
+        !impl::install_fault_block(m_alternateStack, &m_previousStack)) {
+      m_alternateStack = nullptr;
     }
   }
   m_installed = impl::install_fault_handlers(m_previous);
-  m_previous_terminate = std::set_terminate(impl::diagnostic_terminate_handler);
+  m_previousTerminate = std::set_terminate(impl::diagnostic_terminate_handler);
 }
 
 ScopedDiagnosticSignalHandler::~ScopedDiagnosticSignalHandler() {
-  std::set_terminate(m_previous_terminate);
-  m_previous_terminate = nullptr;
+  std::set_terminate(m_previousTerminate);
+  m_previousTerminate = nullptr;
   impl::restore_fault_handlers(m_previous, m_installed);
-  if (m_alternate_stack != nullptr) impl::remove_fault_block(m_alternate_stack, m_previous_stack);
+  if (m_alternateStack != nullptr) impl::remove_fault_block(m_alternateStack, m_previousStack);
 }
 
 }  // namespace tqcore
@@ -214,5 +214,4 @@ void tqcore_managed_fini() {
   }
   tqcore::impl::g_managedPhase.store(2);
 }
-
 }

@@ -50,11 +50,11 @@ class TQCORE_EXPORT ScopedDiagnosticSignalHandler {
 
  private:
   static constexpr int SIGNAL_COUNT = 5;
-  std::terminate_handler m_previous_terminate = nullptr;
+  std::terminate_handler m_previousTerminate = nullptr;
   struct sigaction m_previous[SIGNAL_COUNT] = {};
   bool m_installed = false;
-  void* m_alternate_stack = nullptr;
-  stack_t m_previous_stack{};
+  void* m_alternateStack = nullptr;
+  stack_t m_previousStack{};
 };
 
 namespace impl {
