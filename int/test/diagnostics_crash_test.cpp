@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -157,8 +156,8 @@ TEST_P(CrashTest, EndsReportsAndDumpsAsItShould) {
   std::vector<fs::path> const written = dumps();
   ASSERT_EQ(written.size(), crash.dump ? 1u : 0u) << child.output;  // one crash, one dump
   if (!crash.dump) return;
-  std::regex const name(R"(tqcore_crash_helper_\d{14}_\d+_[0-9a-f]+\.dmp)");
-  EXPECT_TRUE(std::regex_match(written[0].filename().string(), name)) << written[0];
+  EXPECT_TRUE(tqcore_test::is_dump_name(written[0].filename(), "tqcore_crash_helper"))
+      << written[0];
   EXPECT_TRUE(is_core_file(written[0]));
   EXPECT_NE(child.output.find(written[0].string()), std::string::npos) << "the report names it";
   if (crash.debugger_frame == nullptr || access("/usr/bin/gdb", X_OK) != 0) return;
@@ -183,8 +182,9 @@ TEST_F(CrashTest, DumpNameTakesTheProgramNameUpToItsLastDot) {
   fs::copy_file(TQCORE_CRASH_HELPER, copy);
   tqcore_test::ChildResult const child = tqcore_test::run_program(
       copy.string(), {"dump-path"}, {"TQTQ_TRACE_ROOT=" + m_root.string()});
-  std::regex const path(m_root.string() + R"(/\d{4}-\d\d-\d\d/a\.b_\d{14}_\d+_[0-9a-f]+\.dmp\n)");
-  EXPECT_TRUE(std::regex_match(child.output, path)) << child.output;
+  fs::path const path = child.output.substr(0, child.output.find('\n'));
+  EXPECT_EQ(path.parent_path().parent_path(), m_root) << child.output;
+  EXPECT_TRUE(tqcore_test::is_dump_name(path.filename(), "a.b")) << child.output;
 }
 
 }  // namespace

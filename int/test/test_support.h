@@ -67,4 +67,25 @@ class Placed {
   alignas(Object) unsigned char m_storage[sizeof(Object)];
 };
 
+// A dump file's name: "<program>_<YYYYMMDDhhmmss>_<process id>_<thread id in hex>.dmp".
+inline bool is_dump_name(std::string const& name, std::string const& program) {
+  auto const all_of = [](std::string const& text, char const* characters) {
+    return !text.empty() && text.find_first_not_of(characters) == std::string::npos;
+  };
+  std::string const prefix = program + "_";
+  std::string const suffix = ".dmp";
+  if (name.rfind(prefix, 0) != 0 || name.size() < prefix.size() + suffix.size() ||
+      name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+    return false;
+  }
+  std::string const fields =
+      name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+  size_t const first = fields.find('_');
+  size_t const second = fields.find('_', first + 1);
+  if (first != 14 || second == std::string::npos) return false;
+  return all_of(fields.substr(0, first), "0123456789") &&
+         all_of(fields.substr(first + 1, second - first - 1), "0123456789") &&
+         all_of(fields.substr(second + 1), "0123456789abcdef");
+}
+
 }  // namespace tqcore_test

@@ -210,21 +210,24 @@ __attribute__((noinline)) bool report_failed_assert_aux(char const* file, unsign
                                                         char const* function,
                                                         char const* expression, char const* details,
                                                         unsigned int skip_frames) {
+  // Everything used after getcontext lives in the report: the compiler must assume that
+  // getcontext returns twice, which would clobber what registers hold.
   AssertReport report;
-  getcontext(&report.context);
-  report.utc = AbsoluteTime::now().as_string() + "Z";
-  report.thread_id = current_thread_id();
-  report.process_id = static_cast<uint32_t>(getpid());
   report.file = file;
   report.line = line;
   report.function = function;
   report.expression = expression;
   report.details = details;
+  report.skip_frames = skip_frames;
+  getcontext(&report.context);
+  report.utc = AbsoluteTime::now().as_string() + "Z";
+  report.thread_id = current_thread_id();
+  report.process_id = static_cast<uint32_t>(getpid());
   bool const throw_always = assert_throw_always();
   bool const trace_wanted = !throw_always && is_assert_trace_wanted();
-  bool const show_dialog = !throw_always && !is_ignored(file, line);
+  bool const show_dialog = !throw_always && !is_ignored(report.file, report.line);
   if (!throw_always && !trace_wanted && !show_dialog) return true;
-  gather(report, skip_frames);
+  gather(report, report.skip_frames);
   AssertAnswer answer{throw_always ? kAnswerRetry : kAnswerIgnore, throw_always};
   if (show_dialog) answer = ask_person(assert_dialog_text(report));
   if (trace_wanted) {
@@ -236,7 +239,7 @@ __attribute__((noinline)) bool report_failed_assert_aux(char const* file, unsign
   if (answer.choice == kAnswerAbort) abort_after_assert(answer.modifier);
   if (answer.choice == kAnswerRetry && answer.modifier) throw_assert_error(report);
   if (answer.choice == kAnswerRetry) return false;
-  if (answer.choice == kAnswerIgnore && answer.modifier) ignore_always(file, line);
+  if (answer.choice == kAnswerIgnore && answer.modifier) ignore_always(report.file, report.line);
   return true;
 }
 

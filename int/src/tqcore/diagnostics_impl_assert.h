@@ -35,6 +35,7 @@ struct AssertReport {
   char const* function = nullptr;
   char const* expression = nullptr;
   char const* details = nullptr;
+  unsigned int skip_frames = 0;  // the caller's frames left out of the trace
   StackFrameRecord frames[STACK_FRAME_CAPACITY];
   StackFrameRecord* first = frames;
   StackFrameRecord* end = frames;

@@ -597,14 +597,17 @@ bool write_memory_dump(ExceptionPointers const* pointers, EDiagnosticMemoryDumpT
   }
   ExceptionPointers current;
   if (impl::pending_fault(current)) return impl::write_core_file(path, current, type);
-  // No fault in flight: the dump shows this call, from a context taken here.
+  // No fault in flight: the dump shows this call, from a context taken here. getcontext
+  // returns once, but the compiler must assume twice: what is used after it is volatile.
+  char const* volatile target = path;
+  EDiagnosticMemoryDumpType volatile kind = type;
   ucontext_t context;
   getcontext(&context);
   FaultRecord record;
   record.address = static_cast<uint64_t>(context.uc_mcontext.gregs[REG_RIP]);
   current.record = &record;
   current.context = &context;
-  return impl::write_core_file(path, current, type);
+  return impl::write_core_file(target, current, kind);
 }
 
 }  // namespace tqcore

@@ -5,6 +5,7 @@
 
 #include <tqcore/streamers.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <sstream>
@@ -31,7 +32,10 @@ constexpr char kFailed[] =
 DumpOutcome dump_for_catch(char* path, size_t capacity) noexcept {
   FaultState const* state = thread_fault_state();
   if (state != nullptr && state->pending && state->dump != DumpOutcome::none) {
-    std::strncpy(path, state->dump_path, capacity - 1);
+    size_t const length =
+        strnlen(state->dump_path, std::min(capacity, sizeof(state->dump_path)) - 1);
+    std::memcpy(path, state->dump_path, length);
+    path[length] = '\0';
     return state->dump;
   }
   if (!acquire_dump_credit()) return DumpOutcome::no_credit;

@@ -344,8 +344,10 @@ ErrorInfo::Ptr make_fault_error_info(ExceptionPointers const& pointers,
 ErrorInfo::Ptr ErrorInfo::from_anonymous_exception(SourceLocation const& location) {
   ExceptionPointers found;
   if (impl::pending_fault(found)) return make_fault_error_info(found, location);
+  SourceLocation const* volatile where = &location;  // getcontext may be taken to return twice
   ucontext_t context;
   getcontext(&context);
+  SourceLocation const& at = *where;
   if (abi::__cxa_current_exception_type() != nullptr) {
     FaultRecord record;
     record.code = impl::kCodeCppException;
@@ -353,7 +355,7 @@ ErrorInfo::Ptr ErrorInfo::from_anonymous_exception(SourceLocation const& locatio
     ExceptionPointers pointers;
     pointers.record = &record;
     pointers.context = &context;
-    return make_fault_error_info(pointers, location);
+    return make_fault_error_info(pointers, at);
   }
   ErrorParams params;
   impl::add(params, "registers", format_registers(context));
@@ -362,7 +364,7 @@ ErrorInfo::Ptr ErrorInfo::from_anonymous_exception(SourceLocation const& locatio
   impl::add_fault_stack_params(params, pointers);
   impl::add_process_thread_params(params);
   return create(error::exception_unknown, SourceString::create_reference(impl::kUnknownTemplate),
-                std::move(params), location);
+                std::move(params), at);
 }
 
 }  // namespace tqcore

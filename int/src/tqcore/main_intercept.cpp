@@ -91,12 +91,17 @@ class RecoveryScope {
   sigjmp_buf* m_previous;
 };
 
-__attribute__((noinline)) int call_with_recovery(int (*main_function)(int, char**), int argc,
-                                                 char** argv) {
+struct MainCall {
+  int (*function)(int, char**);
+  int argc;
+  char** argv;
+};
+
+__attribute__((noinline)) int call_with_recovery(MainCall const* volatile call) {
   sigjmp_buf point;
   RecoveryScope const scope(&point);
   if (sigsetjmp(point, 1) != 0) report_fault_on_own_stack();
-  return call_padded(main_function, argc, argv);
+  return call_padded(call->function, call->argc, call->argv);
 }
 
 std::atomic<unsigned int> g_managedCount{0};
@@ -148,7 +153,8 @@ int main_invoker(int (*main_function)(int, char**), int argc, char** argv) {
   for (int i = 0; i < argc; ++i) impl::arguments().emplace_back(argv[i]);
   int result = 0;
   try {
-    result = impl::call_with_recovery(main_function, argc, argv);
+    impl::MainCall const call{main_function, argc, argv};
+    result = impl::call_with_recovery(&call);
   } catch (std::exception const& e) {
     char const* what = e.what();
     trace_critical_error(impl::main_location(),

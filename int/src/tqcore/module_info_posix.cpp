@@ -1,4 +1,3 @@
-#include <csignal>
 #include <cstdlib>
 
 #include "module_info.h"
@@ -8,7 +7,9 @@ namespace impl {
 
 bool environment_variable_exists(char const* name) noexcept { return std::getenv(name) != nullptr; }
 
-void debug_break() noexcept { std::raise(SIGTRAP); }
+// The processor's breakpoint, not raise(): a debugger stops here, and without one the trap
+// arrives with the kernel's own signal code, so a diagnostic handler reports a "Breakpoint".
+void debug_break() noexcept { asm volatile("int3"); }
 
 }  // namespace impl
 }  // namespace tqcore

@@ -199,6 +199,9 @@ TQCORE_EXPORT void find_current_exception(ExceptionPointers* out) noexcept;
 // "error.exception.fault.cppException" for 0xE06D7363 (the object in flight described), else
 // "error.exception.fault" with the fault's text; registers, stack trace and stack dump from the
 // context. Never raises on account of what it finds (std::bad_alloc it does pass on).
+// A thrown object's "cppObjectSize" is exact for fundamental and pointer types; for a class,
+// whose size is recorded nowhere at run time, it is the size of the block the C++ runtime
+// allocated for the object, that is, its size rounded up to the allocator's 8 bytes.
 TQCORE_EXPORT ErrorInfo::Ptr make_fault_error_info(ExceptionPointers const& pointers,
                                                    SourceLocation const& location);
 
