@@ -283,16 +283,25 @@ class CoreWriter {
   bool m_ok = true;
 };
 
-void put_note(CoreWriter& out, uint32_t type, void const* data, size_t size) noexcept {
+// A note is its header, the owner's name, then `size` bytes of description padded to 4.
+void put_note_head(CoreWriter& out, uint32_t type, size_t size) noexcept {
   Elf64_Nhdr header{};
   header.n_namesz = 5;
   header.n_descsz = static_cast<Elf64_Word>(size);
   header.n_type = type;
   out.put(&header, sizeof(header));
   out.put(kCoreName, sizeof(kCoreName));
-  out.put(data, size);
+}
+
+void put_note_padding(CoreWriter& out, size_t size) noexcept {
   static char const kPad[4] = {};
   out.put(kPad, (4 - size % 4) % 4);
+}
+
+void put_note(CoreWriter& out, uint32_t type, void const* data, size_t size) noexcept {
+  put_note_head(out, type, size);
+  out.put(data, size);
+  put_note_padding(out, size);
 }
 
 size_t note_size(size_t size) noexcept {
@@ -403,12 +412,7 @@ size_t file_note_size(MappingTable const& table) noexcept {
 // NT_FILE: count, page size, (start, end, offset in pages) for each file, then the names.
 void put_file_note(CoreWriter& out, MappingTable const& table) noexcept {
   size_t const size = file_note_size(table);
-  Elf64_Nhdr header{};
-  header.n_namesz = 5;
-  header.n_descsz = static_cast<Elf64_Word>(size);
-  header.n_type = NT_FILE;
-  out.put(&header, sizeof(header));
-  out.put(kCoreName, sizeof(kCoreName));
+  put_note_head(out, NT_FILE, size);
   uint64_t const head[2] = {table.file_count, kPage};
   out.put(head, sizeof(head));
   for (size_t i = 0; i < table.count; ++i) {
@@ -420,8 +424,7 @@ void put_file_note(CoreWriter& out, MappingTable const& table) noexcept {
   for (size_t i = 0; i < table.count; ++i) {
     if (g_mappings[i].file) out.put(g_names + g_mappings[i].name_at, g_mappings[i].name_length + 1);
   }
-  static char const kPad[4] = {};
-  out.put(kPad, (4 - size % 4) % 4);
+  put_note_padding(out, size);
 }
 
 struct Notes {
