@@ -575,13 +575,6 @@ void register_thread_stack(uint64_t low, uint64_t high) noexcept {
   }
 }
 
-bool is_registered_stack(uint64_t low, uint64_t high) noexcept {
-  for (RecordedStack const& stack : g_stacks) {
-    if (stack.low.load() == low && stack.high.load() == high) return true;
-  }
-  return false;
-}
-
 }  // namespace impl
 
 bool write_memory_dump(ExceptionPointers const* pointers, EDiagnosticMemoryDumpType type,

@@ -96,7 +96,6 @@ bool dump_root_fell_back() noexcept;
 
 // Records the calling thread's stack bounds, so that a dump of the stacks includes it.
 void register_thread_stack(uint64_t low, uint64_t high) noexcept;
-bool is_registered_stack(uint64_t low, uint64_t high) noexcept;
 
 // "stackTrace" and "stackDump" of a fault: from the frames walked while its stack was intact
 // if it has them, else walked from its context now.

@@ -105,6 +105,8 @@ __attribute__((noinline)) int call_with_recovery(MainCall const* volatile call) 
 }
 
 std::atomic<unsigned int> g_managedCount{0};
+// Where a managed finish stands (0 running, 1 finishing, 2 finished) and who finishes it:
+// kept for a debugger looking at a process that hangs in ACE::fini.
 std::atomic<unsigned int> g_managedPhase{0};
 std::atomic<uint32_t> g_managedFinisher{0};
 
