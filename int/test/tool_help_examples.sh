@@ -12,12 +12,17 @@ for command in errno utf8 base64 base32 hex time duration datetime uuid hash sta
 done
 # The crash example crashes: it ends with SIGABRT, having reported and dumped.
 "$tool" crash --help | grep -q '^Example:' || { echo "crash --help has no example"; exit 1; }
-traces=$(mktemp -d)
-TQTQ_TRACE_ROOT=$traces "$tool" crash fpe 2>"$traces/report"; status=$?
-[ $status -eq 134 ] || { echo "crash fpe ended with $status"; exit 1; }
-grep -q 'Fault "Integer divide-by-zero"' "$traces/report" || { echo "crash fpe: no report"; exit 1; }
-ls "$traces"/*/tqcore_*.dmp >/dev/null || { echo "crash fpe: no dump"; exit 1; }
-rm -rf "$traces"
+# A sanitizer reports the division itself, before the processor faults: nothing to see there.
+if ldd "$tool" | grep -q -e libasan -e libtsan -e libubsan; then
+  echo "crash example skipped: the tool is built with a sanitizer"
+else
+  traces=$(mktemp -d)
+  TQTQ_TRACE_ROOT=$traces "$tool" crash fpe 2>"$traces/report"; status=$?
+  [ $status -eq 134 ] || { echo "crash fpe ended with $status"; exit 1; }
+  grep -q 'Fault "Integer divide-by-zero"' "$traces/report" || { echo "crash fpe: no report"; exit 1; }
+  ls "$traces"/*/tqcore_*.dmp >/dev/null || { echo "crash fpe: no dump"; exit 1; }
+  rm -rf "$traces"
+fi
 "$tool" nosuchcommand 2>/dev/null; [ $? -eq 2 ] || { echo "unknown command is not 2"; exit 1; }
 "$tool" datetime 2000-01-01T12:00:00+1 2>/dev/null; [ $? -eq 1 ] || { echo "bad input is not 1"; exit 1; }
 # Machine-readable output: one JSON object a line, with the fields a script reads.
