@@ -90,8 +90,12 @@ void create_dump_and_trace_anonymous_exception(SourceLocation const& where) noex
     std::string const packed = impl::packed_report(outcome, path, where);
     trace_critical_error(where, message, packed.data(), packed.size());
   } catch (...) {
-    // Out of memory for the report: the template and the dump's path still go out.
-    trace_critical_error(where, message, path, std::strlen(path));
+    // Out of memory for the report: the thread and the dump's path still fill their holes.
+    impl::SafeText packed;
+    packed.hex(impl::current_thread_id(), 0).text("\0", 1);
+    if (outcome == impl::DumpOutcome::written) packed.text(path).text("\0", 1);
+    packed.text("<the error could not be rendered>");
+    trace_critical_error(where, message, packed.data(), packed.size());
   }
   if (outcome == impl::DumpOutcome::written && impl::dump_root_fell_back()) {
     trace_critical_error(where,
