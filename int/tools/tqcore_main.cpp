@@ -52,6 +52,8 @@ void print_usage(std::ostream& out) {
          "                     --seed the process seed is random, so values differ per run\n"
          "  stack [--max N]    the tool's own symbolic backtrace (N frames at most), one line\n"
          "                     a frame: [ip]module!function(parameters) - file(line)+offset\n"
+         "  cpu [--raw|--hash]  the processor as CPUID describes it: the decoded report, the\n"
+         "                     registers as read, or the canonical text to hash\n"
          "  crash segv|fpe|abort|throw|overflow|assert\n"
          "                     fail on purpose, to see the report and the memory dump a crash\n"
          "                     leaves (the dump goes under $TQTQ_TRACE_ROOT, else $TMPDIR or "
@@ -114,6 +116,11 @@ constexpr CommandHelp kCommandHelp[] = {
      "Usage: tqcore stack [--max N]\n\nPrints the tool's own symbolic backtrace, one line a "
      "frame, as crash\nreports show them: [ip]module!function(parameters) - file(line)+offset."
      "\n\nExample:\n  tqcore stack --max 4\n"},
+    {"cpu",
+     "Usage: tqcore cpu [--raw|--hash]\n\nPrints the processor as CPUID describes it: vendor, "
+     "family, model, caches,\ncounts, APIC layout and every feature flag; --raw the registers "
+     "as read, one\nline a leaf; --hash the canonical text whose hash recognises a machine.\n\n"
+     "Example:\n  tqcore cpu --raw\n"},
     {"crash",
      "Usage: tqcore crash segv|fpe|abort|throw|overflow|assert\n\nFails on purpose inside "
      "main_invoker: a null write, a division by zero, abort(),\nan exception leaving main, "
@@ -406,6 +413,7 @@ int main(int argc, char** argv) {
     if (command == "hash") return tool::run_hash(args);
     if (command == "stack") return tool::run_stack(args);
     if (command == "crash") return tool::run_crash(args);
+    if (command == "cpu") return tool::run_cpu(args);
     if (command == "base64" || command == "base32" || command == "hex") {
       return run_codec(command, args);
     }

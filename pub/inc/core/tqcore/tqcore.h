@@ -4,6 +4,7 @@
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/bad_alloc_handler.h>
 #include <tqcore/barrier.h>
+#include <tqcore/cpu.h>
 #include <tqcore/diagnostics.h>
 #include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
