@@ -7,6 +7,7 @@
 //   cpu.dump_cpuid_info(std::cout, "  ");
 #pragma once
 
+#include <tqcore/affinity.h>
 #include <tqcore/tqcore_export.h>
 
 #include <cstdint>
@@ -401,6 +402,96 @@ class TQCORE_EXPORT CpuInfo {
 
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& out, CpuInfo::TraceCpuidInfo const& trace);
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& out, CpuInfo::TraceRawCpuid const& trace);
+
+// A snapshot of the machine as the calling thread may use it: every CPU of its affinity
+// (at most 64), how they group into cores and packages, the timestamp counter's frequency,
+// and the instruction-set facts asked most. The survey pins the thread to each CPU in turn
+// and restores its affinity; afterwards every query is a look-up.
+class TQCORE_EXPORT Cpu {
+ public:
+  // The survey. The timestamp counter's frequency comes from CPUID (the crystal ratio of leaf
+  // 0x15, the base frequency of leaf 0x16, or the hypervisor's leaf 0x40000010), else it is
+  // measured over one second, during which the thread sleeps.
+  Cpu();
+
+  int logical_cpus() const noexcept { return m_logicalCount; }
+  int cores() const noexcept { return m_coreCount; }
+  int packages() const noexcept { return m_packageCount; }
+  // Timestamp-counter ticks a second.
+  double frequency() const noexcept { return m_frequency; }
+  bool is_cpu_present(unsigned int cpu) const noexcept { return m_logicalMask.is_set(cpu); }
+  void get_logical_mask(CpuAffinityMask& mask) const noexcept { mask = m_logicalMask; }
+  void get_core_mask(CpuAffinityMask& mask) const noexcept { mask = m_coreMask; }
+  void get_physical_mask(CpuAffinityMask& mask) const noexcept { mask = m_physicalMask; }
+  // One CPU a package first, then one a core, then the hyper-threads.
+  std::vector<unsigned int> const& cpu_priority_list() const noexcept { return m_priorityList; }
+
+  // These look a CPU up without checking it: ask is_cpu_present first.
+  unsigned char package(unsigned int cpu) const;
+  unsigned char core(unsigned int cpu) const;
+  unsigned char ht_unit(unsigned int cpu) const;
+  unsigned char apic_id(unsigned int cpu) const;
+  CpuInfo const& cpu_info(unsigned int cpu) const { return m_cpuInfo.at(cpu); }
+
+  // Whether `cpu` is the lowest-numbered of its package (core); raises
+  // "error.tqcore.hardware.invalidCpuId" for a CPU that is not present.
+  bool is_first_physical_cpu(unsigned int cpu) const;
+  bool is_first_core_cpu(unsigned int cpu) const;
+
+  bool has_mmx() const noexcept { return m_mmx; }
+  bool has_mmx_amd_extensions() const noexcept { return m_mmxAmdExtensions; }
+  bool has_3dnow() const noexcept { return m_3dnow; }
+  bool has_3dnow_extensions() const noexcept { return m_3dnowExtensions; }
+  bool has_popcnt() const noexcept { return m_popcnt; }
+  bool has_sse() const noexcept { return m_sse; }
+  bool has_sse2() const noexcept { return m_sse2; }
+  bool has_sse3() const noexcept { return m_sse3; }
+  bool has_sse4_1() const noexcept { return m_sse41; }
+  bool has_sse4_2() const noexcept { return m_sse42; }
+  bool has_8_byte_compare_exchange() const noexcept { return m_cmpxchg8; }
+  bool has_16_byte_compare_exchange() const noexcept { return m_cmpxchg16; }
+  bool has_conditional_move() const noexcept { return m_cmov; }
+
+  // The processor's timestamp counter, not serialised.
+  static unsigned long long read_timestamp() noexcept { return __builtin_ia32_rdtsc(); }
+
+ protected:
+  // Timestamp ticks over one second of the monotonic clock, on the lowest CPU of the thread.
+  static double measure_frequency();
+
+ private:
+  void survey(ACE_Thread_ID const& thread);
+  void take_flags(CpuInfo const& reference);
+  void group();
+  double frequency_from_cpuid(CpuInfo const& reference) const;
+
+  double m_frequency = 0;
+  CpuAffinityMask m_logicalMask;
+  CpuAffinityMask m_coreMask;
+  CpuAffinityMask m_physicalMask;
+  std::map<unsigned int, CpuInfo> m_cpuInfo;
+  std::vector<unsigned int> m_priorityList;
+  int m_logicalCount = 0;
+  int m_coreCount = 0;
+  int m_packageCount = 0;
+  bool m_apicUsable = false;
+  unsigned char m_packageMask = 0xFF;
+  unsigned char m_coreApicMask = 0xFF;
+  unsigned int m_referenceCpu = 0;
+  bool m_mmx = false;
+  bool m_mmxAmdExtensions = false;
+  bool m_3dnow = false;
+  bool m_3dnowExtensions = false;
+  bool m_popcnt = false;
+  bool m_sse = false;
+  bool m_sse2 = false;
+  bool m_sse3 = false;
+  bool m_sse41 = false;
+  bool m_sse42 = false;
+  bool m_cmpxchg8 = false;
+  bool m_cmpxchg16 = false;
+  bool m_cmov = false;
+};
 
 }  // namespace hardware
 }  // namespace tqcore

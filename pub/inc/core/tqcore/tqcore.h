@@ -2,6 +2,7 @@
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
+#include <tqcore/affinity.h>
 #include <tqcore/bad_alloc_handler.h>
 #include <tqcore/barrier.h>
 #include <tqcore/cpu.h>
@@ -15,6 +16,8 @@
 #include <tqcore/main_intercept.h>
 #include <tqcore/murmur_hash.h>
 #include <tqcore/object_key.h>
+#include <tqcore/priority.h>
+#include <tqcore/process_info.h>
 #include <tqcore/random.h>
 #include <tqcore/refcount_ptr.h>
 #include <tqcore/refcounted.h>
@@ -22,6 +25,7 @@
 #include <tqcore/result_auto_signal.h>
 #include <tqcore/result_control.h>
 #include <tqcore/safe_cast.h>
+#include <tqcore/scheduler.h>
 #include <tqcore/simple_date_time.h>
 #include <tqcore/source_string.h>
 #include <tqcore/static_instance.h>
@@ -30,6 +34,7 @@
 #include <tqcore/string_util.h>
 #include <tqcore/task.h>
 #include <tqcore/thread_mutex.h>
+#include <tqcore/time_provider.h>
 #include <tqcore/tqcore_export.h>
 #include <tqcore/transforms.h>
 #include <tqcore/ucsutil.h>
