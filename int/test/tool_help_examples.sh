@@ -4,7 +4,7 @@
 set -u
 tool=$1
 cd "$(dirname "$0")/../.." || exit 1  # the examples name files of the source tree
-for command in errno utf8 base64 base32 hex time duration datetime uuid hash stack cpu; do
+for command in errno utf8 base64 base32 hex time duration datetime uuid hash stack cpu info; do
   help=$("$tool" "$command" --help) || { echo "$command --help failed"; exit 1; }
   example=$(printf '%s\n' "$help" | sed -n '/^Example:/{n;p;}' | sed "s#tqcore #\"$tool\" #g")
   [ -n "$example" ] || { echo "$command --help has no example"; exit 1; }

@@ -16,6 +16,8 @@ bool read_all(std::string const& path, std::string* text);
 int run_stack(std::vector<std::string> const& args);
 // `tqcore cpu [--raw|--hash]`: the processor as CPUID describes it.
 int run_cpu(std::vector<std::string> const& args);
+// `tqcore info`: the machine and the process on one screen.
+int run_info(std::vector<std::string> const& args);
 // `tqcore crash segv|fpe|abort|throw|overflow|assert`: fails on purpose under main_invoker.
 int run_crash(std::vector<std::string> const& args);
 

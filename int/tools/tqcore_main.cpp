@@ -52,8 +52,10 @@ void print_usage(std::ostream& out) {
          "                     --seed the process seed is random, so values differ per run\n"
          "  stack [--max N]    the tool's own symbolic backtrace (N frames at most), one line\n"
          "                     a frame: [ip]module!function(parameters) - file(line)+offset\n"
-         "  cpu [--raw|--hash]  the processor as CPUID describes it: the decoded report, the\n"
-         "                     registers as read, or the canonical text to hash\n"
+         "  cpu [--raw|--hash]  the processor as CPUID describes it: the decoded report with the\n"
+         "                     topology and frequency, the registers as read, or the text to hash\n"
+         "  info               the machine and this process on one screen: host, processor,\n"
+         "                     topology, frequency, time, affinity, priority\n"
          "  crash segv|fpe|abort|throw|overflow|assert\n"
          "                     fail on purpose, to see the report and the memory dump a crash\n"
          "                     leaves (the dump goes under $TQTQ_TRACE_ROOT, else $TMPDIR or "
@@ -121,6 +123,10 @@ constexpr CommandHelp kCommandHelp[] = {
      "family, model, caches,\ncounts, APIC layout and every feature flag; --raw the registers "
      "as read, one\nline a leaf; --hash the canonical text whose hash recognises a machine.\n\n"
      "Example:\n  tqcore cpu --raw\n"},
+    {"info",
+     "Usage: tqcore info\n\nPrints the machine and this process on one screen: host, time, "
+     "processor,\npackages, cores and logical CPUs, the timestamp counter's frequency, the\n"
+     "thread's affinity and priority.\n\nExample:\n  tqcore info\n"},
     {"crash",
      "Usage: tqcore crash segv|fpe|abort|throw|overflow|assert\n\nFails on purpose inside "
      "main_invoker: a null write, a division by zero, abort(),\nan exception leaving main, "
@@ -414,6 +420,7 @@ int main(int argc, char** argv) {
     if (command == "stack") return tool::run_stack(args);
     if (command == "crash") return tool::run_crash(args);
     if (command == "cpu") return tool::run_cpu(args);
+    if (command == "info") return tool::run_info(args);
     if (command == "base64" || command == "base32" || command == "hex") {
       return run_codec(command, args);
     }
