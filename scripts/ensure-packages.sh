@@ -4,9 +4,9 @@
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev libunwind-dev libdw-dev)
-test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev gdb)
+test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev libcpu-features-dev libcpuinfo-dev gdb)
 ci_packages=(clang clang-tidy clang-format)
-bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev)
+bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev libcpu-features-dev libcpuinfo-dev)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;
