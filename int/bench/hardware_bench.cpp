@@ -81,8 +81,7 @@ BENCHMARK(BM_ClockTsc_tqcore);
 
 using tqcore_bench::RegisterComparison;
 RegisterComparison const g_cpuVsCpuFeatures("BM_CpuInfo_tqcore", "BM_CpuInfo_cpu_features", 0);
-RegisterComparison const g_cpuVsCpuinfo("BM_CpuInfo_tqcore",
-                                        "BM_CpuInfo_cpuinfo/iterations:1/manual_time", 0);
+RegisterComparison const g_cpuVsCpuinfo("BM_CpuInfo_tqcore", "BM_CpuInfo_cpuinfo", 0);
 RegisterComparison const g_mmVsSteady("BM_ClockMm_tqcore", "BM_Clock_steady_clock", 0.5);
 RegisterComparison const g_tscVsSteady("BM_ClockTsc_tqcore", "BM_Clock_steady_clock", 0.3);
 
