@@ -126,6 +126,16 @@ void CpuInfo::populate_cpu_info(Source const& source) {
     }
   }
   set_brand_id_string();
+  decide_features();
+}
+
+void CpuInfo::decide_features() noexcept {
+#define TQCORE_CPU_FEATURE_DECIDE(name, leaf, reg, bit, vendor, label)       \
+  if (feature(leaf, reg_##reg, bit, vendor_##vendor)) {                      \
+    m_features[feature_##name >> 6] |= uint64_t{1} << (feature_##name & 63); \
+  }
+  TQCORE_CPU_FEATURE_FLAGS(TQCORE_CPU_FEATURE_DECIDE)
+#undef TQCORE_CPU_FEATURE_DECIDE
 }
 
 CpuInfo::IntelCacheLevel CpuInfo::cache_level(int subleaf) const noexcept {

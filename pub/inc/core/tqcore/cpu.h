@@ -319,8 +319,9 @@ class TQCORE_EXPORT CpuInfo {
   std::vector<RegSet> const& hypervisor_leaves() const noexcept { return m_hypervisor; }
   std::map<int, IntelCacheLevel> const& cache_levels() const noexcept { return m_cacheLevels; }
 
+// Each a test of one bit, decided at construction.
 #define TQCORE_CPU_FEATURE_ACCESSOR(name, leaf, reg, bit, vendor, label) \
-  bool name() const noexcept { return feature(leaf, reg_##reg, bit, vendor_##vendor); }
+  bool name() const noexcept { return has_feature(feature_##name); }
   TQCORE_CPU_FEATURE_FLAGS(TQCORE_CPU_FEATURE_ACCESSOR)
 #undef TQCORE_CPU_FEATURE_ACCESSOR
 
@@ -353,6 +354,14 @@ class TQCORE_EXPORT CpuInfo {
  private:
   enum Register : int { reg_eax = 0, reg_ebx = 1, reg_ecx = 2, reg_edx = 3 };
   enum Vendor : int { vendor_any, vendor_intel, vendor_amd };
+#define TQCORE_CPU_FEATURE_ID(name, leaf, reg, bit, vendor, label) feature_##name,
+  enum FeatureId : unsigned int { TQCORE_CPU_FEATURE_FLAGS(TQCORE_CPU_FEATURE_ID) feature_count };
+#undef TQCORE_CPU_FEATURE_ID
+
+  bool has_feature(FeatureId id) const noexcept {
+    return (m_features[id >> 6] >> (id & 63) & 1) != 0;
+  }
+  void decide_features() noexcept;
 
   void populate_cpu_info(Source const& source);
   void set_brand_id_string();
@@ -396,6 +405,7 @@ class TQCORE_EXPORT CpuInfo {
   std::vector<RegSet> m_topology;
   std::vector<RegSet> m_hypervisor;
   std::map<int, IntelCacheLevel> m_cacheLevels;
+  uint64_t m_features[(feature_count + 63) / 64] = {};
 
   friend class CpuReport;
 };
