@@ -3,6 +3,7 @@
 
 #include "error_exception_internal.h"
 #include "file_ids.h"
+#include "hardware_internal.h"
 
 #include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
@@ -25,12 +26,10 @@ constexpr char kSetTemplate[] = "SetThreadAffinity({@threadId}, {@mask})";
 
 [[noreturn]] void raise_affinity_error(char const* function, ACE_Thread_ID const& thread,
                                        CpuAffinityMask const& mask, int error) {
-  std::ostringstream handle;
-  handle << streamers::Pointer(reinterpret_cast<void const*>(thread.handle()));
   std::ostringstream text;
   text << mask;
   ErrorComposer(kSetTemplate)
-      .param("threadId", impl::stream_text(handle))
+      .param("threadId", impl::thread_handle_text(thread))
       .param("mask", impl::stream_text(text))
       .throw_with_nested_errno(error::tqcore_hardware_threadAffinity,
                                SourceLocation(function, kFileId, __LINE__), error);
@@ -66,6 +65,15 @@ int read(ACE_Thread_ID const& thread, uint64_t& mask) {
 }
 
 }  // namespace
+
+std::string impl::thread_handle_text(ACE_Thread_ID const& thread) {
+  std::ostringstream text;
+  // A thread handle is a number here; it is shown as the pointer it is elsewhere.
+  void const* const address =
+      reinterpret_cast<void const*>(thread.handle());  // NOLINT(performance-no-int-to-ptr)
+  text << streamers::Pointer(address);
+  return impl::stream_text(text);
+}
 
 unsigned int CpuAffinityMask::const_cpu_iterator::operator*() const {
   if (m_cpu >= max_cpus()) throw std::out_of_range("dereference of bad cpu iterator");

@@ -4,6 +4,7 @@
 
 #include "error_exception_internal.h"
 #include "file_ids.h"
+#include "hardware_internal.h"
 
 #include <tqcore/error_builder.h>
 #include <tqcore/error_code.h>
@@ -79,12 +80,6 @@ Value nearest(Level<Value> const (&table)[N], int nice) {
   return best->value;
 }
 
-std::string pointer_text(ACE_Thread_ID const& thread) {
-  std::ostringstream text;
-  text << streamers::Pointer(reinterpret_cast<void const*>(thread.handle()));
-  return impl::stream_text(text);
-}
-
 pid_t kernel_id(ACE_Thread_ID const& thread) {
   return pthread_equal(thread.handle(), pthread_self()) != 0
              ? static_cast<pid_t>(syscall(SYS_gettid))
@@ -139,7 +134,8 @@ void ScopedThreadPriority::set_thread_priority(ACE_Thread_ID const& thread, long
   // The message lacks its closing bracket and names a parameter that is called "threadId":
   // both as the family has always had them.
   ErrorComposer composer("SetThreadPriority({@threadHandle}, {@priority}");
-  composer.param("threadId", pointer_text(thread)).param("priority", std::to_string(priority));
+  composer.param("threadId", impl::thread_handle_text(thread))
+      .param("priority", std::to_string(priority));
   pid_t const id = kernel_id(thread);
   if (id == 0) raise_other_thread(composer, where);
   Level<long> const* level = by_value(kThreadLevels, priority);
@@ -157,7 +153,7 @@ long ScopedThreadPriority::get_thread_priority(ACE_Thread_ID const& thread) {
     static SourceLocation const where =
         TQCORE_SOURCE_LOCATION("tqcore::ScopedThreadPriority::get_thread_priority()", kFileId);
     ErrorComposer composer("GetThreadPriority({@threadHandle})");
-    composer.param("threadHandle", pointer_text(thread));
+    composer.param("threadHandle", impl::thread_handle_text(thread));
     raise_other_thread(composer, where);
   }
   return nearest(kThreadLevels, read_nice(id));

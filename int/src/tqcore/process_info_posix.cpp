@@ -119,7 +119,7 @@ std::string expand_environment_variables(std::string const& text) {
   return result;
 }
 
-std::string get_shared_library_name_for_module(std::string name, unsigned int major,
+std::string get_shared_library_name_for_module(std::string const& name, unsigned int major,
                                                unsigned int minor) {
   return "lib" + name + ".so." + std::to_string(major) + "." + std::to_string(minor);
 }

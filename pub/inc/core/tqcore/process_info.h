@@ -27,7 +27,8 @@ TQCORE_EXPORT std::string get_environment_variable(char const* name, size_t name
 TQCORE_EXPORT std::string expand_environment_variables(std::string const& text);
 // The file name of a library of the family: "lib<name>.so.<major>.<minor>", which the build
 // gives its own libraries ("libtqcore.so.0.1").
-TQCORE_EXPORT std::string get_shared_library_name_for_module(std::string name, unsigned int major,
+TQCORE_EXPORT std::string get_shared_library_name_for_module(std::string const& name,
+                                                             unsigned int major,
                                                              unsigned int minor);
 
 namespace impl {
