@@ -131,6 +131,26 @@ TEST(CpuReport, RawDumpAndHashText) {
   EXPECT_EQ(hash.substr(0, 41), "000000000000000d68747541444d416369746e65\n");
 }
 
+// The repository's own recording: this machine, a guest of a hypervisor.
+TEST(CpuReport, ThisMachinesRecording) {
+  CpuidRecording recording;
+  ASSERT_TRUE(recording.load(TQCORE_REPO_CPUID_FIXTURES "/AuthenticAMD_EPYC_KVM_2cpu.txt"));
+  CpuInfo const cpu(recording);
+  EXPECT_EQ(cpu.brand_string(), "AMD EPYC");
+  EXPECT_EQ(cpu.brand_id_string(), "AMD Engineering Sample 00");  // its extended brand id is 0
+  EXPECT_EQ(cpu.amd_effective_family(), 25u);
+  EXPECT_EQ(cpu.hypervisor_vendor_id(), std::string("KVMKVMKVM\0\0\0", 12));
+  EXPECT_EQ(cpu.logical_count(), 2u);
+  EXPECT_EQ(cpu.core_count(), 2u);
+  std::ostringstream report;
+  cpu.dump_cpuid_info(report, "");
+  EXPECT_NE(report.str().find("\n Hypervisor Vendor Id='KVMKVMKVM"), std::string::npos);
+  // Bytes low first: 0xfb escaped, "~" as it is, NUL as \0.
+  EXPECT_NE(report.str().find("\n Hypervisor Interface Id='\\xfb~\\0\\x01' (0x01007efb)\n"),
+            std::string::npos)
+      << report.str();
+}
+
 TEST(CpuReport, RegisterRecordText) {
   CpuInfo::RegSet const regs{0x0000000D, 0x756E6547, 0x6C65746E, 0x49656E69};
   EXPECT_EQ(CpuInfo::regset_to_string(0, regs), "000000000000000d756e65476c65746e49656e69");

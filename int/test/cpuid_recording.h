@@ -32,12 +32,12 @@ class CpuidRecording : public tqcore::hardware::CpuInfo::Source {
     return chosen != nullptr ? chosen : TQCORE_CPUID_FIXTURES;
   }
 
-  // False if the file cannot be read. Lines: "CPUID LLLLLLLL: EAX-EBX-ECX-EDX [SL xx]", with
-  // spaces, tabs or " : " for the separators in older dumps; without "[SL xx]" the n-th
-  // repetition of a leaf is subleaf n. The first CPU ends at the next CPU's header, at another
-  // section, or where leaf 0 comes again.
+  // False if the file cannot be read. A relative name is looked for in folder(). Lines: "CPUID
+  // LLLLLLLL: EAX-EBX-ECX-EDX [SL xx]", with spaces, tabs or " : " for the separators in older
+  // dumps; without "[SL xx]" the n-th repetition of a leaf is subleaf n. The first CPU ends at the
+  // next CPU's header, at another section, or where leaf 0 comes again.
   bool load(std::string const& file) {
-    std::ifstream in(folder() + "/" + file);
+    std::ifstream in(file.front() == '/' ? file : folder() + "/" + file);
     if (!in) return false;
     std::map<uint32_t, uint32_t> seen;
     std::string line;
