@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include <cerrno>
+#include <exception>
 #include <set>
 #include <string>
 
@@ -26,13 +27,25 @@ class AffinityRestorer {
   explicit AffinityRestorer(ACE_Thread_ID const& thread) : m_thread(thread) {
     ScopedCpuAffinity::get_thread_affinity(m_thread, m_saved);
   }
-  ~AffinityRestorer() noexcept(false) { ScopedCpuAffinity::set_thread_affinity(m_thread, m_saved); }
+  // A failure to restore raises, unless the survey is already leaving by an exception.
+  ~AffinityRestorer() noexcept(false) {
+    if (std::uncaught_exceptions() == m_exceptions) {
+      ScopedCpuAffinity::set_thread_affinity(m_thread, m_saved);
+      return;
+    }
+    try {
+      ScopedCpuAffinity::set_thread_affinity(m_thread, m_saved);
+    } catch (...) {
+      // The survey's own exception is the one the caller hears of.
+    }
+  }
   AffinityRestorer(AffinityRestorer const&) = delete;
   AffinityRestorer& operator=(AffinityRestorer const&) = delete;
 
  private:
   ACE_Thread_ID m_thread;
   CpuAffinityMask m_saved;
+  int m_exceptions = std::uncaught_exceptions();
 };
 
 [[noreturn]] void raise_invalid_cpu(unsigned int cpu, char const* function) {
