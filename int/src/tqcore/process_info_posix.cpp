@@ -124,11 +124,12 @@ std::string get_shared_library_name_for_module(std::string const& name, unsigned
   return "lib" + name + ".so." + std::to_string(major) + "." + std::to_string(minor);
 }
 
-ProcessPrivileges ProcessPrivileges::m_processPrivileges;
-
 ProcessPrivileges::ProcessPrivileges() : m_impl(privileges_of_this_process()) {}
 
-ProcessPrivileges& ProcessPrivileges::process_privileges() { return m_processPrivileges; }
+ProcessPrivileges& ProcessPrivileges::process_privileges() {
+  static ProcessPrivileges* const instance = new ProcessPrivileges();
+  return *instance;
+}
 
 void ProcessPrivileges::to_privileged(ErrorInfo::Ptr* error) {
   if (error != nullptr) *error = nullptr;

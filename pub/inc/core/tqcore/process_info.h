@@ -50,6 +50,8 @@ class TQCORE_EXPORT ProcessPrivilegesImpl : public RefCounted<AtomicRefCount> {
 // unprivileged state the real one; every other process has nothing to switch.
 class TQCORE_EXPORT ProcessPrivileges : public streamers::Streamable<ProcessPrivileges> {
  public:
+  // The process's one object. It is never destroyed: code that runs during exit may still
+  // switch, and a second copy of the library in the process must not destroy it twice.
   static ProcessPrivileges& process_privileges();
 
   // Shape 3: on failure, `*error` gets the record (null on success).
@@ -57,8 +59,6 @@ class TQCORE_EXPORT ProcessPrivileges : public streamers::Streamable<ProcessPriv
   void to_unprivileged(ErrorInfo::Ptr* error);
   bool is_privileged() const;
   void write_trace(std::ostream& stream) const;
-
-  static ProcessPrivileges m_processPrivileges;  // NOLINT(readability-identifier-naming)
 
   explicit ProcessPrivileges(RefCountPtr<impl::ProcessPrivilegesImpl> impl) noexcept
       : m_impl(std::move(impl)) {}
