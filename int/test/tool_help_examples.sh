@@ -34,4 +34,14 @@ esac
 json=$("$tool" time --json 2000-01-01T12:00:00.5)
 [ "$json" = '{"text": "2000-01-01 12:00:00.5", "iso8601": "2000-01-01T12:00:00.5Z", "nanoseconds": 946728000500000000, "julian_date": 2451545.000005787}' ] ||
   { echo "time --json: $json"; exit 1; }
+json=$("$tool" info --json)
+case "$json" in
+  '{"host": "'*'"logical_cpus": '*'"process_priority": "'*'"}') ;;
+  *) echo "info --json: $json"; exit 1 ;;
+esac
+json=$("$tool" cpu --json)
+case "$json" in
+  '{"vendor": "'*'"features": "'*'"}') ;;
+  *) echo "cpu --json: $json"; exit 1 ;;
+esac
 echo "every command's help and example work, and --json is JSON"

@@ -52,9 +52,11 @@ void print_usage(std::ostream& out) {
          "                     --seed the process seed is random, so values differ per run\n"
          "  stack [--max N]    the tool's own symbolic backtrace (N frames at most), one line\n"
          "                     a frame: [ip]module!function(parameters) - file(line)+offset\n"
-         "  cpu [--raw|--hash]  the processor as CPUID describes it: the decoded report with the\n"
-         "                     topology and frequency, the registers as read, or the text to hash\n"
-         "  info               the machine and this process on one screen: host, processor,\n"
+         "  cpu [--json|--raw|--hash]\n"
+         "                     the processor: a summary, topology and the decoded CPUID report\n"
+         "                     (--json: the summary as JSON), the registers as read, or the\n"
+         "                     canonical text whose hash recognises a machine\n"
+         "  info [--json]      the machine and this process on one screen: host, processor,\n"
          "                     topology, frequency, time, affinity, priority\n"
          "  crash segv|fpe|abort|throw|overflow|assert\n"
          "                     fail on purpose, to see the report and the memory dump a crash\n"
@@ -119,14 +121,16 @@ constexpr CommandHelp kCommandHelp[] = {
      "frame, as crash\nreports show them: [ip]module!function(parameters) - file(line)+offset."
      "\n\nExample:\n  tqcore stack --max 4\n"},
     {"cpu",
-     "Usage: tqcore cpu [--raw|--hash]\n\nPrints the processor as CPUID describes it: vendor, "
-     "family, model, caches,\ncounts, APIC layout and every feature flag; --raw the registers "
-     "as read, one\nline a leaf; --hash the canonical text whose hash recognises a machine.\n\n"
+     "Usage: tqcore cpu [--json|--raw|--hash]\n\nPrints the processor as CPUID describes it: "
+     "a summary (vendor, model, topology,\nfrequency, features; --json gives it as one JSON "
+     "object), each CPU's place, and\nthe decoded report; --raw the registers as read, one "
+     "line a leaf; --hash the\ncanonical text whose hash recognises a machine.\n\n"
      "Example:\n  tqcore cpu --raw\n"},
     {"info",
-     "Usage: tqcore info\n\nPrints the machine and this process on one screen: host, time, "
-     "processor,\npackages, cores and logical CPUs, the timestamp counter's frequency, the\n"
-     "thread's affinity and priority.\n\nExample:\n  tqcore info\n"},
+     "Usage: tqcore info [--json]\n\nPrints the machine and this process on one screen: host, "
+     "time, processor,\npackages, cores and logical CPUs, the timestamp counter's frequency, "
+     "the\nthread's affinity and priority; --json gives them as one JSON object.\n\n"
+     "Example:\n  tqcore info --json\n"},
     {"crash",
      "Usage: tqcore crash segv|fpe|abort|throw|overflow|assert\n\nFails on purpose inside "
      "main_invoker: a null write, a division by zero, abort(),\nan exception leaving main, "
