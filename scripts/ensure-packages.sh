@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, and nothing else. Quiet when all are there.
-# Usage: scripts/ensure-packages.sh build|test|bench|ci
+# Usage: scripts/ensure-packages.sh build|test|bench|ci|package|docs
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev libunwind-dev libdw-dev)
 test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev libcpu-features-dev libcpuinfo-dev gdb)
 ci_packages=(clang clang-tidy clang-format)
+package_packages=(dpkg-dev file lintian)
+docs_packages=(doxygen)
 bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev libcpu-features-dev libcpuinfo-dev)
 
 case "${1:-build}" in
@@ -13,7 +15,9 @@ case "${1:-build}" in
   test) wanted=("${build_packages[@]}" "${test_packages[@]}") ;;
   bench) wanted=("${build_packages[@]}" "${bench_packages[@]}") ;;
   ci) wanted=("${build_packages[@]}" "${ci_packages[@]}") ;;
-  *) echo "usage: $0 build|test|bench|ci" >&2; exit 2 ;;
+  package) wanted=("${build_packages[@]}" "${package_packages[@]}") ;;
+  docs) wanted=("${docs_packages[@]}") ;;
+  *) echo "usage: $0 build|test|bench|ci|package|docs" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -1,10 +1,10 @@
-# Installs the built library into a fresh prefix, then builds and runs the consumer project
-# against it twice: through the CMake package and through pkg-config.
+# Installs the built library into a fresh prefix (or takes PREFIX, a tree already installed,
+# such as the Debian packages unpacked), then builds and runs the consumer project against it
+# twice: through the CMake package and through pkg-config.
 # Then builds the examples against the same installed tree and runs each.
-# Arguments: BUILD_DIR (the tqcore build), LIBDIR (its library folder below the prefix),
-# SOURCE_DIR (this folder), EXAMPLES_DIR (the examples), WORK_DIR (scratch).
+# Arguments: BUILD_DIR (the tqcore build) or PREFIX, LIBDIR (the library folder below the
+# prefix), SOURCE_DIR (this folder), EXAMPLES_DIR (the examples), WORK_DIR (scratch).
 file(REMOVE_RECURSE ${WORK_DIR})
-set(prefix ${WORK_DIR}/prefix)
 
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
@@ -13,7 +13,12 @@ function(run)
   endif()
 endfunction()
 
-run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+if(PREFIX)
+  set(prefix ${PREFIX})
+else()
+  set(prefix ${WORK_DIR}/prefix)
+  run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+endif()
 
 # The installed tool starts from a prefix the loader has never heard of, and works.
 if(EXISTS ${prefix}/bin/tqcore)
