@@ -1,10 +1,25 @@
-// Points in time (AbsoluteTime), spans (RelativeTime) and monotonic readings: one signed
-// 64-bit count of nanoseconds each. The largest value is not a time but "infinite": absorbing in
-// addition and subtraction, decaying to the smallest value in multiplication. Plain sums wrap;
-// the difference of two points saturates to infinite.
-//
-// The interface's 32-bit counts (seconds, microseconds, minutes) are int32_t here, so that
-// their wrap-around is the same on every platform of the family.
+/// @file
+/// Points in time (AbsoluteTime), spans (RelativeTime) and monotonic readings: one signed
+/// 64-bit count of nanoseconds each. The largest value is not a time but "infinite": absorbing in
+/// addition and subtraction, decaying to the smallest value in multiplication. Plain sums wrap;
+/// the difference of two points saturates to infinite.
+///
+/// The interface's 32-bit counts (seconds, microseconds, minutes) are int32_t here, so that
+/// their wrap-around is the same on every platform of the family.
+///
+/// Failures: the readers have the three shapes (`from_string` raises, `from_string_nothrow` returns
+/// the record and leaves its output alone): "error.tqcore.absoluteTime.invalidUtcString",
+/// "error.tqcore.relativeTime.invalidTimeString"; a calendar value out of range raises
+/// "error.tqcore.absoluteTime.range". Arithmetic never raises.
+///
+/// @code
+/// using namespace tqcore;
+/// AbsoluteTime const deadline = AbsoluteTime::now() + RelativeTime::from_string("1m 30s");
+/// AbsoluteTime const t = AbsoluteTime::from_string("2024-02-29T12:34:56.789Z");
+/// std::cout << t.as_string() << '\n';                          // 2024-02-29 12:34:56.789
+/// std::cout << RelativeTime::seconds(5400).as_iso8601_string();  // PT1H30M
+/// bool const later = deadline > t;
+/// @endcode
 #pragma once
 
 #include <tqcore/error_info.h>
@@ -22,13 +37,13 @@ namespace tqcore {
 
 namespace win32 {
 
-// The Windows FILETIME: 100 ns ticks since 1601-01-01, in two 32-bit halves.
+/// The Windows FILETIME: 100 ns ticks since 1601-01-01, in two 32-bit halves.
 struct FileTime {
   uint32_t low_date_time;
   uint32_t high_date_time;
 };
 
-// The Windows SYSTEMTIME.
+/// The Windows SYSTEMTIME.
 struct SystemTime {
   uint16_t year;
   uint16_t month;
@@ -44,8 +59,8 @@ struct SystemTime {
 
 namespace impl {
 
-// What an ACE call that takes a timeout pointer gets: null for "wait for ever". A temporary;
-// the pointer lives as long as the proxy.
+/// What an ACE call that takes a timeout pointer gets: null for "wait for ever". A temporary;
+/// the pointer lives as long as the proxy.
 class TQCORE_EXPORT AceTimeoutProxy {
  public:
   AceTimeoutProxy(bool infinite, int32_t seconds, int32_t microseconds)
@@ -94,7 +109,7 @@ class TQCORE_EXPORT TimeBase {
   static constexpr long long MAX_I64_MILLISECONDS = INT64_MAX;
   static constexpr long long MAX_I64_MICROSECONDS = INT64_MAX;
   static constexpr long long MAX_TIME_T = INT64_MAX;
-  static constexpr double MAX_DOUBLE_SECONDS = __builtin_huge_val();  // an infinity, as settled
+  static constexpr double MAX_DOUBLE_SECONDS = __builtin_huge_val();  ///< an infinity, as settled
   static constexpr double INFINITE_DOUBLE_SECONDS = __builtin_huge_val();
   static constexpr long long FILETIME_TO_EPOCH_OFFSET = 116444736000000000;
   static constexpr win32::FileTime MAX_FILETIME = {0xFFFFFFFFu, 0xFFFFFFFFu};
@@ -132,23 +147,23 @@ class TQCORE_EXPORT TimeBase {
     return is_infinite() ? MAX_TIMEVAL_USEC
                          : static_cast<int32_t>((m_value % NANOSECONDS_IN_ONE_SECOND) / 1000);
   }
-  // The writers keep the 32-bit seconds of the interface, so they wrap for times after
-  // 2038-01-19 03:14:07 UTC: beyond that, use as_nsec() or as_time_t().
+  /// The writers keep the 32-bit seconds of the interface, so they wrap for times after
+  /// 2038-01-19 03:14:07 UTC: beyond that, use as_nsec() or as_time_t().
   timeval as_timeval() const noexcept;
-  // No test for infinite: its bit pattern gives 633437444 s and 854775807 ns.
+  /// No test for infinite: its bit pattern gives 633437444 s and 854775807 ns.
   timespec as_timespec() const noexcept;
   ACE_Time_Value as_ace_time_value() const;
   AceTimeoutProxy as_ace_timeout() const;
 
-  // Each set assigns what the constructor of the same arguments builds.
+  /// Each set assigns what the constructor of the same arguments builds.
   void set(long long seconds) noexcept { m_value = seconds * NANOSECONDS_IN_ONE_SECOND; }
   void set(double seconds) noexcept { m_value = from_double_seconds(seconds); }
   void set(int32_t seconds, int32_t microseconds) noexcept {
     m_value = (static_cast<long long>(seconds) * MICROSECONDS_IN_ONE_SECOND + microseconds) * 1000;
   }
-  // The readers take the seconds at their full 64-bit width, so times after 2038 from
-  // clock_gettime and gettimeofday stay right; the sub-second field is cut to 32 bits. The
-  // arithmetic wraps, never overflows.
+  /// The readers take the seconds at their full 64-bit width, so times after 2038 from
+  /// clock_gettime and gettimeofday stay right; the sub-second field is cut to 32 bits. The
+  /// arithmetic wraps, never overflows.
   void set(timeval const& tv) noexcept {
     m_value = static_cast<long long>(
         (static_cast<uint64_t>(tv.tv_sec) * MICROSECONDS_IN_ONE_SECOND +
@@ -178,7 +193,7 @@ class TQCORE_EXPORT TimeBase {
   constexpr TimeBase() noexcept : m_value(TIMEVALUE_ZERO) {}
   constexpr explicit TimeBase(long long value) noexcept : m_value(value) {}
 
-  // Truncated to 64 bits; NaN, an infinity or a value out of range give TIMEVALUE_MIN.
+  /// Truncated to 64 bits; NaN, an infinity or a value out of range give TIMEVALUE_MIN.
   static long long from_double_nanoseconds(double nanoseconds) noexcept;
   static long long from_double_seconds(double seconds) noexcept {
     return from_double_nanoseconds(seconds * 1e9);
@@ -186,7 +201,7 @@ class TQCORE_EXPORT TimeBase {
   static constexpr int32_t low32(long long value) noexcept {
     return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(value)));
   }
-  // Infinite when either side is; otherwise the plain, wrapping sum.
+  /// Infinite when either side is; otherwise the plain, wrapping sum.
   static constexpr long long absorbing_sum(long long a, long long b) noexcept {
     return a == TIMEVALUE_INFINITE || b == TIMEVALUE_INFINITE
                ? TIMEVALUE_INFINITE
@@ -197,7 +212,7 @@ class TQCORE_EXPORT TimeBase {
                ? TIMEVALUE_INFINITE
                : static_cast<long long>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
   }
-  // The difference of two points, saturating to infinite in both directions.
+  /// The difference of two points, saturating to infinite in both directions.
   static constexpr long long saturating_difference(long long left, long long right) noexcept {
     if (left == TIMEVALUE_INFINITE || right == TIMEVALUE_INFINITE) return TIMEVALUE_INFINITE;
     if (left > right) {
@@ -217,7 +232,7 @@ class TQCORE_EXPORT TimeBase {
 
 namespace impl {
 
-// The six comparisons of a time value, by its count: one definition for both value types.
+/// The six comparisons of a time value, by its count: one definition for both value types.
 template <class T>
 struct TimeOrdering {
   friend constexpr bool operator==(T const& a, T const& b) noexcept {
@@ -272,13 +287,13 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
   static constexpr RelativeTime seconds(int32_t n) noexcept {
     return {static_cast<long long>(n) * NANOSECONDS_IN_ONE_SECOND, TimeValueInit_t{}};
   }
-  // The seconds are formed in 32 bits first: minutes wrap past 35791394, hours past 596523,
-  // days past 24855. That width is the interface's.
+  /// The seconds are formed in 32 bits first: minutes wrap past 35791394, hours past 596523,
+  /// days past 24855. That width is the interface's.
   static constexpr RelativeTime minutes(int32_t n) noexcept { return seconds(wrap32(n, 60)); }
   static constexpr RelativeTime hours(int32_t n) noexcept { return seconds(wrap32(n, 3600)); }
   static constexpr RelativeTime days(int32_t n) noexcept { return seconds(wrap32(n, 86400)); }
 
-  // 0xFFFFFFFF is infinite; everything else counts milliseconds.
+  /// 0xFFFFFFFF is infinite; everything else counts milliseconds.
   void set_win32_timeout(uint32_t milliseconds) noexcept {
     if (milliseconds == 0xFFFFFFFFu) {
       set_infinite();
@@ -291,7 +306,7 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
                          : static_cast<uint32_t>(
                                static_cast<uint64_t>(m_value / NANOSECONDS_IN_ONE_MILLISECOND));
   }
-  // Infinite stays infinite; TIMEVALUE_MIN stays itself by two's-complement wrap.
+  /// Infinite stays infinite; TIMEVALUE_MIN stays itself by two's-complement wrap.
   void negate() noexcept {
     if (!is_infinite()) m_value = static_cast<long long>(0 - static_cast<uint64_t>(m_value));
   }
@@ -307,7 +322,7 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
     m_value = absorbing_difference(m_value, other.m_value);
     return *this;
   }
-  // Through seconds in double: infinite and any overflow land on TIMEVALUE_MIN.
+  /// Through seconds in double: infinite and any overflow land on TIMEVALUE_MIN.
   RelativeTime& operator*=(double factor) noexcept;
   RelativeTime operator*(double factor) const noexcept;
   friend constexpr RelativeTime operator+(RelativeTime const& a, RelativeTime const& b) noexcept {
@@ -317,12 +332,12 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
     return {absorbing_difference(a.m_value, b.m_value), TimeValueInit_t{}};
   }
 
-  // "1d 2h 3m 4.5s", "250.0ms", "100ns"; infinite is "##INFINITE##".
+  /// "1d 2h 3m 4.5s", "250.0ms", "100ns"; infinite is "##INFINITE##".
   std::string as_string() const;
-  // "P1DT2H3M4.5S"; zero is "PT0S", infinite "P999999DT23H59M59.999999999S".
+  /// "P1DT2H3M4.5S"; zero is "PT0S", infinite "P999999DT23H59M59.999999999S".
   std::string as_iso8601_string() const;
-  // Either form, or "INF" / "##INFINITE##"; saturates instead of wrapping. `out` must not be
-  // null. A failure of the ISO form still stores what was read before the fault.
+  /// Either form, or "INF" / "##INFINITE##"; saturates instead of wrapping. `out` must not be
+  /// null. A failure of the ISO form still stores what was read before the fault.
   static ErrorInfo::Ptr from_string_nothrow(std::string const& text, RelativeTime* out);
   static RelativeTime from_string(std::string const& text);
 
@@ -336,7 +351,7 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
   static void add_time_value_of_unit(unsigned long long& total, unsigned long long unit,
                                      unsigned long long whole, unsigned long long numerator,
                                      unsigned long long denominator);
-  // The count as it stands.
+  /// The count as it stands.
   constexpr RelativeTime(long long count, TimeValueInit_t) noexcept : TimeBase(count) {}
   static constexpr int32_t wrap32(int32_t n, int32_t factor) noexcept {
     return static_cast<int32_t>(static_cast<uint32_t>(n) * static_cast<uint32_t>(factor));
@@ -362,14 +377,14 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
   explicit AbsoluteTime(ACE_Time_Value const* tv) noexcept { set(tv); }
   AbsoluteTime(win32::FileTime const& ft, bool local) noexcept { set(ft, local); }
   AbsoluteTime(win32::SystemTime const& st, bool local) noexcept { set(st, local); }
-  // The base plus the offset, infinite if either is.
+  /// The base plus the offset, infinite if either is.
   AbsoluteTime(RelativeTime const& offset, AbsoluteTime const& base) noexcept { set(offset, base); }
-  // As from_components: raises for components outside the range.
+  /// As from_components: raises for components outside the range.
   explicit AbsoluteTime(Components const& components);
 
   using TimeBase::set;
-  // Ticks minus the 1601 offset, times 100, wrapping; MAX_FILETIME gives no infinite. With
-  // `local`, the ticks are local time by the C library's time zone.
+  /// Ticks minus the 1601 offset, times 100, wrapping; MAX_FILETIME gives no infinite. With
+  /// `local`, the ticks are local time by the C library's time zone.
   void set(win32::FileTime const& ft, bool local) noexcept;
   void set(win32::SystemTime const& st, bool local) noexcept;
   void set(RelativeTime const& offset, AbsoluteTime const& base) noexcept {
@@ -379,26 +394,26 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
   win32::FileTime as_filetime() const noexcept;
   win32::SystemTime as_systemtime() const noexcept;
 
-  // The calendar form in UTC, and Julian day numbers (days begin at noon).
+  /// The calendar form in UTC, and Julian day numbers (days begin at noon).
   Components as_components() const;
   int julian_day() const;
   double full_julian_date() const;
-  // Null on success; `out` may be null to only check, and is untouched on failure. Fields are
-  // summed, not range-checked, so 2000-02-31 is 2000-03-02.
+  /// Null on success; `out` may be null to only check, and is untouched on failure. Fields are
+  /// summed, not range-checked, so 2000-02-31 is 2000-03-02.
   static ErrorInfo::Ptr from_components_nothrow(Components const& components, AbsoluteTime* out);
   static AbsoluteTime from_components(Components const& components);
-  // On failure: raises when `error` is null, else stores the record and returns infinite.
+  /// On failure: raises when `error` is null, else stores the record and returns infinite.
   static AbsoluteTime from_julian_day(int julian_day, ErrorInfo::Ptr* error);
   static AbsoluteTime from_full_julian_date(double julian_date, ErrorInfo::Ptr* error,
                                             bool round_to_seconds);
 
-  // "2000-01-02 03:04:05.5" and "2000-01-02T03:04:05.5Z"; infinite is "##INFINITE##" and
-  // "9999-12-31T23:59:59.999999999Z".
+  /// "2000-01-02 03:04:05.5" and "2000-01-02T03:04:05.5Z"; infinite is "##INFINITE##" and
+  /// "9999-12-31T23:59:59.999999999Z".
   std::string as_string() const;
   std::string as_iso8601_string() const;
-  // A profile of ISO 8601, always UTC: date ('YYYY-MM-DD' or 'YYYYMMDD'), ' ' or 'T', then
-  // hours [[':']minutes[[':']seconds]], a fraction of the last field, an optional 'Z'; or "INF"
-  // and "##INFINITE##". Never allocates unless it fails; `out` may be null to only check.
+  /// A profile of ISO 8601, always UTC: date ('YYYY-MM-DD' or 'YYYYMMDD'), ' ' or 'T', then
+  /// hours [[':']minutes[[':']seconds]], a fraction of the last field, an optional 'Z'; or "INF"
+  /// and "##INFINITE##". Never allocates unless it fails; `out` may be null to only check.
   static ErrorInfo::Ptr from_string_nothrow(char const* text, size_t size, AbsoluteTime* out);
   static ErrorInfo::Ptr from_string_nothrow(std::string const& text, AbsoluteTime* out) {
     return from_string_nothrow(text.data(), text.size(), out);
@@ -411,10 +426,10 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
   static constexpr AbsoluteTime from_nsec(long long count) noexcept {
     return AbsoluteTime(count, Raw{});
   }
-  // The system clock (CLOCK_REALTIME), in nanoseconds.
+  /// The system clock (CLOCK_REALTIME), in nanoseconds.
   static AbsoluteTime now() noexcept;
 
-  // The saturating difference, never below zero; infinite if either side is.
+  /// The saturating difference, never below zero; infinite if either side is.
   RelativeTime remaining(AbsoluteTime const& other) const noexcept;
   RelativeTime remaining() const noexcept;
   RelativeTime overtime(AbsoluteTime const& other) const noexcept;
@@ -448,13 +463,13 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
   constexpr explicit AbsoluteTime(TimeBase const& base) noexcept : TimeBase(base) {}
 };
 
-// A date and time of the proleptic Gregorian calendar, UTC. Setters store without checking.
 static_assert(sizeof(RelativeTime) == 8 && sizeof(AbsoluteTime) == 8,
               "time values are one 64-bit count; the ordering base must stay empty");
 
+/// A date and time of the proleptic Gregorian calendar, UTC. Setters store without checking.
 class TQCORE_EXPORT AbsoluteTime::Components {
  public:
-  // 9999-12-31 23:59:59.999999999: the calendar form of the infinite time.
+  /// 9999-12-31 23:59:59.999999999: the calendar form of the infinite time.
   static Components const infinite;
 
   constexpr Components() noexcept = default;
@@ -468,7 +483,7 @@ class TQCORE_EXPORT AbsoluteTime::Components {
         m_minute(minute),
         m_second(second),
         m_nanosecond(nanosecond) {}
-  // The date of a Julian day number at 12:00; a negative number raises.
+  /// The date of a Julian day number at 12:00; a negative number raises.
   explicit Components(int julian_day);
   Components(double full_julian_date, bool round_to_seconds);
   explicit Components(AbsoluteTime const& time);
@@ -490,7 +505,7 @@ class TQCORE_EXPORT AbsoluteTime::Components {
 
   int julian_day() const noexcept;
   double full_julian_date() const noexcept;
-  // 0 Monday to 6 Sunday; a negative multiple of 7 gives 7.
+  /// 0 Monday to 6 Sunday; a negative multiple of 7 gives 7.
   unsigned short day_of_week() const noexcept;
 
   bool operator==(Components const& o) const noexcept;
@@ -513,11 +528,11 @@ class TQCORE_EXPORT AbsoluteTime::Components {
   unsigned int m_nanosecond = 0;
 };
 
-// Write as_string() as a formatted string, so width and fill apply.
+/// Write as_string() as a formatted string, so width and fill apply.
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, AbsoluteTime const& time);
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, RelativeTime const& time);
 
-// A reading of a monotonic clock, on a scale whose zero means nothing.
+/// A reading of a monotonic clock, on a scale whose zero means nothing.
 class TQCORE_EXPORT MonotonicTimeBase {
  public:
   static constexpr long long NANOSECONDS_IN_ONE_MICROSECOND =
@@ -552,7 +567,7 @@ class TQCORE_EXPORT MonotonicTimeBase {
   constexpr uint64_t hash() const noexcept {
     return static_cast<uint64_t>((m_value >> 32) ^ m_value);
   }
-  // RelativeTime's human text of the same count.
+  /// RelativeTime's human text of the same count.
   std::string as_string() const;
 
  protected:

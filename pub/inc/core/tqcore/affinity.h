@@ -1,8 +1,14 @@
-// Sets of logical CPUs (at most 64) and scope guards that pin a thread to a set for a block.
-//
-//   tqcore::CpuAffinityMask only_first;
-//   only_first.set_cpu(0);
-//   tqcore::ScopedCpuAffinity const pinned(only_first, ACE_Thread_ID());
+/// @file
+/// Sets of logical CPUs (at most 64) and scope guards that pin a thread to a set for a block.
+///
+/// Failures: the guards raise "error.tqcore.hardware.threadAffinity" with the system's errno record
+/// nested; the masks never fail.
+///
+/// @code
+/// tqcore::CpuAffinityMask only_first;
+/// only_first.set_cpu(0);
+/// tqcore::ScopedCpuAffinity const pinned(only_first, ACE_Thread_ID());
+/// @endcode
 #pragma once
 
 #include <tqcore/tqcore_export.h>
@@ -17,12 +23,12 @@ namespace tqcore {
 
 class TQCORE_EXPORT CpuAffinityMask {
  public:
-  // The CPU numbers of a mask in ascending order.
+  /// The CPU numbers of a mask in ascending order.
   class TQCORE_EXPORT const_cpu_iterator {
    public:
-    // The CPU number; std::out_of_range "dereference of bad cpu iterator" at the end.
+    /// The CPU number; std::out_of_range "dereference of bad cpu iterator" at the end.
     unsigned int operator*() const;
-    // To the next CPU of the mask; std::out_of_range "advancing cpu beyond end()" at the end.
+    /// To the next CPU of the mask; std::out_of_range "advancing cpu beyond end()" at the end.
     const_cpu_iterator& operator++();
     bool operator==(const_cpu_iterator const& other) const noexcept { return m_cpu == other.m_cpu; }
     bool operator!=(const_cpu_iterator const& other) const noexcept { return m_cpu != other.m_cpu; }
@@ -39,7 +45,7 @@ class TQCORE_EXPORT CpuAffinityMask {
 
   CpuAffinityMask() noexcept = default;
 
-  // Bit `cpu` modulo 64: no range check.
+  /// Bit `cpu` modulo 64: no range check.
   void set_cpu(unsigned int cpu) noexcept { m_mask |= bit(cpu); }
   void clear_cpu(unsigned int cpu) noexcept { m_mask &= ~bit(cpu); }
   bool is_set(unsigned int cpu) const noexcept { return (m_mask & bit(cpu)) != 0; }
@@ -65,7 +71,7 @@ class TQCORE_EXPORT CpuAffinityMask {
   explicit CpuAffinityMask(uint64_t mask) noexcept : m_mask(mask) {}
   uint64_t get_mask() const noexcept { return m_mask; }
   static uint64_t bit(unsigned int cpu) noexcept { return uint64_t{1} << (cpu & 63); }
-  // The lowest CPU of the mask at or above `cpu`, or 64.
+  /// The lowest CPU of the mask at or above `cpu`, or 64.
   unsigned int next_from(unsigned int cpu) const noexcept {
     uint64_t const rest = cpu >= 64 ? 0 : m_mask >> cpu << cpu;
     return rest == 0 ? 64 : static_cast<unsigned int>(__builtin_ctzll(rest));
@@ -74,26 +80,26 @@ class TQCORE_EXPORT CpuAffinityMask {
   uint64_t m_mask = 0;
 };
 
-// Binary digits, highest first, from one above the next multiple of 8 over the highest CPU
-// down to CPU 0: CPU 0 alone reads "000000001".
+/// Binary digits, highest first, from one above the next multiple of 8 over the highest CPU
+/// down to CPU 0: CPU 0 alone reads "000000001".
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, CpuAffinityMask const& mask);
 
-// Pins a thread to a set of CPUs for a scope. Failures raise
-// "error.tqcore.hardware.threadAffinity" with the system's errno as the cause.
+/// Pins a thread to a set of CPUs for a scope. Failures raise
+/// "error.tqcore.hardware.threadAffinity" with the system's errno as the cause.
 class TQCORE_EXPORT ScopedCpuAffinity {
  public:
   ScopedCpuAffinity(CpuAffinityMask const& mask, ACE_Thread_ID const& thread);
-  // Restores the mask in force before; raises if that fails.
+  /// Restores the mask in force before; raises if that fails.
   ~ScopedCpuAffinity() noexcept(false);
   ScopedCpuAffinity(ScopedCpuAffinity const&) = default;
   ScopedCpuAffinity& operator=(ScopedCpuAffinity const&) = default;
 
   CpuAffinityMask const& old_affinity() const noexcept { return m_oldAffinity; }
 
-  // Whether the thread may run on `mask` (which is tried and undone); false without a report.
+  /// Whether the thread may run on `mask` (which is tried and undone); false without a report.
   static bool can_set_affinity(ACE_Thread_ID const& thread, CpuAffinityMask& mask);
   static void get_thread_affinity(ACE_Thread_ID const& thread, CpuAffinityMask& mask);
-  // Sets the thread to `mask`, and `mask` to what it was.
+  /// Sets the thread to `mask`, and `mask` to what it was.
   static void swap_thread_affinity(ACE_Thread_ID const& thread, CpuAffinityMask& mask);
   static void set_thread_affinity(ACE_Thread_ID const& thread, CpuAffinityMask const& mask);
 
@@ -102,8 +108,8 @@ class TQCORE_EXPORT ScopedCpuAffinity {
   ACE_Thread_ID m_thread;
 };
 
-// A preferred CPU for a thread. The system schedules by affinity only, so this guard changes
-// nothing and every CPU reads as 64, "none".
+/// A preferred CPU for a thread. The system schedules by affinity only, so this guard changes
+/// nothing and every CPU reads as 64, "none".
 class TQCORE_EXPORT ScopedIdealCpu {
  public:
   ScopedIdealCpu(unsigned int cpu, ACE_Thread_ID const& thread);

@@ -1,6 +1,22 @@
-// Barriers: futures or results of any mixture of types, waited for all together under one
-// deadline, asked about as a group, and failed or cancelled where they are left. A barrier is
-// a plain vector of shared references: no thread, event or lock of its own.
+/// @file
+/// Barriers: futures or results of any mixture of types, waited for all together under one
+/// deadline, asked about as a group, and failed or cancelled where they are left. A barrier is
+/// a plain vector of shared references: no thread, event or lock of its own.
+///
+/// Failures: waiting never raises (false on timeout); adding an Empty result raises
+/// "error.tqcore.result.notWaitable"; failing or cancelling the rest never raises.
+///
+/// @code
+/// tqcore::Future<int> a;
+/// tqcore::Future<std::string> b;
+/// tqcore::AnyFutureBarrier barrier;
+/// barrier.push_back(a);
+/// barrier.push_back(b);
+/// if (!barrier.wait(tqcore::RelativeTime::seconds(5))) {
+///   barrier.set_error_if_not_ready(tqcore::ErrorInfo::from_errno(  // give up on the rest
+///       TQCORE_SOURCE_LOCATION("example()", "$Id: //example/wait.cpp#1 $"), ETIMEDOUT));
+/// }
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
@@ -15,8 +31,8 @@
 namespace tqcore {
 namespace impl {
 
-// The shape both barriers share. An element answers is_ready, failed, succeeded and
-// wait(RelativeTime).
+/// The shape both barriers share. An element answers is_ready, failed, succeeded and
+/// wait(RelativeTime).
 template <class Element>
 class BarrierBase {
  public:
@@ -34,7 +50,7 @@ class BarrierBase {
   }
   void push_back(Element const& element) { m_elements.push_back(element); }
   void clear() noexcept { m_elements.clear(); }
-  // Keeps the order of the others; each element is tested once.
+  /// Keeps the order of the others; each element is tested once.
   void remove_all_ready() {
     m_elements.erase(std::remove_if(m_elements.begin(), m_elements.end(),
                                     [](Element const& e) { return e.is_ready(); }),
@@ -42,8 +58,8 @@ class BarrierBase {
   }
 
   void wait() const { wait(AbsoluteTime::infinite); }
-  // One element at a time, front to back, each with what is left of the one deadline; true
-  // when all are ready (failed ones included), false at the first timeout.
+  /// One element at a time, front to back, each with what is left of the one deadline; true
+  /// when all are ready (failed ones included), false at the first timeout.
   bool wait(AbsoluteTime const& deadline) const {
     for (Element const& element : m_elements) {
       if (!element.is_ready() && !element.wait(deadline.remaining())) return false;
@@ -54,7 +70,7 @@ class BarrierBase {
     return wait(timeout.is_infinite() ? AbsoluteTime::infinite : AbsoluteTime::now() + timeout);
   }
 
-  // On an empty barrier: any_ready and all_ready true, the four others false.
+  /// On an empty barrier: any_ready and all_ready true, the four others false.
   bool any_ready() const {
     return empty() || any([](Element const& e) { return e.is_ready(); });
   }
@@ -90,7 +106,7 @@ class AnyResultBarrier;
 
 namespace impl {
 
-// A future of any type.
+/// A future of any type.
 class AnyFutureElement {
  public:
   template <class T>
@@ -101,7 +117,7 @@ class AnyFutureElement {
   bool succeeded() const { return m_cell->has_value(); }
   bool wait(RelativeTime const& timeout) const { return m_cell->wait(timeout); }
   FutureImplBase& cell() const noexcept { return *m_cell; }
-  // The typed future again; another type raises a std::bad_cast.
+  /// The typed future again; another type raises a std::bad_cast.
   template <class T>
   Future<T> get() const;
 
@@ -109,10 +125,10 @@ class AnyFutureElement {
   RefCountPtr<FutureImplBase> m_cell;
 };
 
-// A result of any type; never Empty.
+/// A result of any type; never Empty.
 class AnyResultElement {
  public:
-  // An Empty result raises "error.tqcore.result.notWaitable".
+  /// An Empty result raises "error.tqcore.result.notWaitable".
   template <class T>
   AnyResultElement(Result<T> const& result)
       : AnyResultElement(static_cast<ResultBase const&>(result)) {}
@@ -122,7 +138,7 @@ class AnyResultElement {
   bool succeeded() const { return m_result->is_ready() && !m_result->has_error(); }
   bool wait(RelativeTime const& timeout) const { return m_result->wait(timeout); }
   void cancel(bool force, ErrorInfo::Ptr const& reason) const { m_result->cancel(force, reason); }
-  // The typed result again; another type raises a std::bad_cast.
+  /// The typed result again; another type raises a std::bad_cast.
   template <class T>
   Result<T> get() const;
 
@@ -136,8 +152,8 @@ class AnyResultElement {
 class TQCORE_EXPORT AnyFutureBarrier : public impl::BarrierBase<impl::AnyFutureElement> {
  public:
   using AnyFuture = impl::AnyFutureElement;
-  // Fails every future not yet set, with its own reference to `error`; returns how many this
-  // call set. A future completing at the same moment keeps its outcome and is not counted.
+  /// Fails every future not yet set, with its own reference to `error`; returns how many this
+  /// call set. A future completing at the same moment keeps its outcome and is not counted.
   size_t set_error_if_not_ready(ErrorInfo::Ptr const& error) const;
 
  private:
@@ -148,7 +164,7 @@ class TQCORE_EXPORT AnyFutureBarrier : public impl::BarrierBase<impl::AnyFutureE
 class TQCORE_EXPORT AnyResultBarrier : public impl::BarrierBase<impl::AnyResultElement> {
  public:
   using AnyResult = impl::AnyResultElement;
-  // cancel(true, reason) on every element, front to back.
+  /// cancel(true, reason) on every element, front to back.
   void cancel(ErrorInfo::Ptr const& reason) const {
     for (AnyResult const& element : m_elements) element.cancel(true, reason);
   }

@@ -1,10 +1,17 @@
-// The processor as CPUID describes it: vendor, family and model, brand texts, caches, counts
-// of logical CPUs and cores, APIC id layout, and one accessor a feature bit. Every answer is
-// read once at construction; queries afterwards are bit tests on what was stored.
-//
-//   tqcore::hardware::CpuInfo const cpu;
-//   if (cpu.avx2()) use_avx2_kernels();
-//   cpu.dump_cpuid_info(std::cout, "  ");
+/// @file
+/// The processor as CPUID describes it: vendor, family and model, brand texts, caches, counts
+/// of logical CPUs and cores, APIC id layout, and one accessor a feature bit. Every answer is
+/// read once at construction; queries afterwards are bit tests on what was stored.
+///
+/// Failures: `CpuInfo` never raises after construction; a leaf that a recorded `Source` lacks
+/// answers four zero registers. `Cpu` raises "error.tqcore.hardware.invalidCpuId" for a CPU it does
+/// not know and "error.tqcore.hardware.threadAffinity" when it cannot move its thread.
+///
+/// @code
+/// tqcore::hardware::CpuInfo const cpu;
+/// if (cpu.avx2()) std::cout << "AVX2 kernels\n";
+/// cpu.dump_cpuid_info(std::cout, "  ");
+/// @endcode
 #pragma once
 
 #include <tqcore/affinity.h>
@@ -141,25 +148,25 @@ namespace hardware {
 
 class TQCORE_EXPORT CpuInfo {
  public:
-  // The registers of one CPUID answer.
+  /// The registers of one CPUID answer.
   struct RegSet {
     uint32_t eax = 0;
     uint32_t ebx = 0;
     uint32_t ecx = 0;
     uint32_t edx = 0;
-    // Register 0 to 3 (EAX to EDX); 0 for any other.
+    /// Register 0 to 3 (EAX to EDX); 0 for any other.
     uint32_t reg(unsigned int index) const noexcept {
       return index == 0 ? eax : index == 1 ? ebx : index == 2 ? ecx : index == 3 ? edx : 0;
     }
-    // Byte n (0 to 15) of the registers in order, low byte of each first.
+    /// Byte n (0 to 15) of the registers in order, low byte of each first.
     char byte_at(unsigned int n) const noexcept {
       return static_cast<char>(reg((n & 12) >> 2) >> (8 * (n & 3)));
     }
   };
 
-  // One answer of leaf 4, the fields as the processor gives them (no +1 applied).
+  /// One answer of leaf 4, the fields as the processor gives them (no +1 applied).
   struct IntelCacheLevel {
-    uint32_t type_and_level = 0;  // type in bits 0-3, level in bits 5-7
+    uint32_t type_and_level = 0;  ///< type in bits 0-3, level in bits 5-7
     bool self_initialising = false;
     bool fully_associative = false;
     uint32_t threads_sharing = 0;
@@ -167,18 +174,18 @@ class TQCORE_EXPORT CpuInfo {
     uint32_t line_size = 0;
     uint32_t partitions = 0;
     uint32_t ways = 0;
-    uint32_t sets = 0;  // this one with the +1
+    uint32_t sets = 0;  ///< this one with the +1
   };
 
-  // Where the answers come from: the processor, or a recording of another one. A leaf or
-  // subleaf that a recording lacks answers four zero registers.
+  /// Where the answers come from: the processor, or a recording of another one. A leaf or
+  /// subleaf that a recording lacks answers four zero registers.
   class TQCORE_EXPORT Source {
    public:
     virtual ~Source() = default;
     virtual RegSet cpuid(uint32_t leaf, uint32_t subleaf) const = 0;
   };
 
-  // Index into the vendor table; -1 for a vendor outside it. Only Intel and AMD are decoded.
+  /// Index into the vendor table; -1 for a vendor outside it. Only Intel and AMD are decoded.
   enum ECpuBrand : int {
     brand_unknown = -1,
     brand_intel = 0,
@@ -192,14 +199,14 @@ class TQCORE_EXPORT CpuInfo {
     brand_transmeta = 8,
     brand_nsc = 9,
   };
-  // Leaf 1's family field (bits 8-11); 4 where it cannot be read.
+  /// Leaf 1's family field (bits 8-11); 4 where it cannot be read.
   enum ECpuFamily : int {
     family_486 = 4,
     family_pentium = 5,
     family_p6 = 6,
-    family_extended = 15,  // the extended family field counts
+    family_extended = 15,  ///< the extended family field counts
   };
-  // Leaf 0x80000006's L2 associativity field.
+  /// Leaf 0x80000006's L2 associativity field.
   enum EL2Associativity : int {
     l2_disabled = 0,
     l2_direct_mapped = 1,
@@ -214,9 +221,9 @@ class TQCORE_EXPORT CpuInfo {
     l2_128_way = 14,
     l2_fully_associative = 15,
   };
-  // A bit of a fresh CPUID answer, numbered by group: 0-63 leaf 1 ECX then EDX; 64-191 leaf 6
-  // EAX to EDX; 192-255 leaf 0x80000001 ECX then EDX; 256-287 leaf 0x80000007 EDX; from 288,
-  // leaf 7 with subleaf (n - 288) / 128 and bit (n - 288) % 128 across EAX to EDX.
+  /// A bit of a fresh CPUID answer, numbered by group: 0-63 leaf 1 ECX then EDX; 64-191 leaf 6
+  /// EAX to EDX; 192-255 leaf 0x80000001 ECX then EDX; 256-287 leaf 0x80000007 EDX; from 288,
+  /// leaf 7 with subleaf (n - 288) / 128 and bit (n - 288) % 128 across EAX to EDX.
   enum EOptionFlag : unsigned int {
     option_sse3 = 0,
     option_ssse3 = 9,
@@ -237,21 +244,21 @@ class TQCORE_EXPORT CpuInfo {
   };
 
   static constexpr int s_numSupportedBrands = 10;
-  // "Hv#1", the interface id of hypervisors that follow the common hypervisor interface.
+  /// "Hv#1", the interface id of hypervisors that follow the common hypervisor interface.
   static constexpr uint32_t HypervisorVendorIdHv1 = 0x31237648;
 
-  // The processor the calling thread runs on (pin the thread first to choose it).
+  /// The processor the calling thread runs on (pin the thread first to choose it).
   CpuInfo();
-  // A recording: the same decoding without the hardware.
+  /// A recording: the same decoding without the hardware.
   explicit CpuInfo(Source const& source);
 
   ECpuBrand cpu_brand() const noexcept { return m_brand; }
   ECpuFamily cpu_family() const noexcept { return m_family; }
   std::string const& vendor_id() const noexcept { return m_vendorId; }
   std::string const& brand_string() const noexcept { return m_brandString; }
-  // A readable name for processors too old to give a brand string; empty when unknown.
+  /// A readable name for processors too old to give a brand string; empty when unknown.
   std::string const& brand_id_string() const noexcept { return m_brandIdString; }
-  // Stored leaves - 1: -1 for none. The extended one is an index, not 0x8000xxxx.
+  /// Stored leaves - 1: -1 for none. The extended one is an index, not 0x8000xxxx.
   int cpuid_last_basic_level() const noexcept { return static_cast<int>(m_basic.size()) - 1; }
   int cpuid_last_extended_level() const noexcept { return static_cast<int>(m_extended.size()) - 1; }
 
@@ -296,13 +303,13 @@ class TQCORE_EXPORT CpuInfo {
   bool is_hyperthreading_enabled() const {
     return hyperthreading_capable() && logical_count() > core_count();
   }
-  // Intel with a processor serial number only; otherwise the outputs are left as they are.
+  /// Intel with a processor serial number only; otherwise the outputs are left as they are.
   void get_processor_serial_number(unsigned int& high, unsigned long long& low) const noexcept;
   std::string hypervisor_vendor_id() const;
   uint32_t hypervisor_interface_id() const noexcept { return hypervisor(1).eax; }
   bool is_fast_system_call_supported() const noexcept;
 
-  // Logical CPUs and cores in a package, and the APIC id's layout.
+  /// Logical CPUs and cores in a package, and the APIC id's layout.
   uint32_t logical_count() const noexcept;
   uint32_t core_count() const noexcept;
   uint32_t core_apic_id_shift() const noexcept;
@@ -312,7 +319,7 @@ class TQCORE_EXPORT CpuInfo {
   }
   uint32_t apic_id_core_mask() const noexcept { return 0xFFu << core_apic_id_shift() & 0xFFu; }
 
-  // The stored answers.
+  /// The stored answers.
   std::vector<RegSet> const& basic_leaves() const noexcept { return m_basic; }
   std::vector<RegSet> const& extended_leaves() const noexcept { return m_extended; }
   std::vector<RegSet> const& topology() const noexcept { return m_topology; }
@@ -325,23 +332,23 @@ class TQCORE_EXPORT CpuInfo {
   TQCORE_CPU_FEATURE_FLAGS(TQCORE_CPU_FEATURE_ACCESSOR)
 #undef TQCORE_CPU_FEATURE_ACCESSOR
 
-  // A bit of a fresh CPUID answer on the calling thread's processor, without an instance.
+  /// A bit of a fresh CPUID answer on the calling thread's processor, without an instance.
   static bool get_option_flag(EOptionFlag flag);
-  // Issues the instruction.
+  /// Issues the instruction.
   static void cpuid(unsigned int leaf, unsigned int subleaf, unsigned int& eax, unsigned int& ebx,
                     unsigned int& ecx, unsigned int& edx) noexcept;
 
-  // Everything decoded, one line each, each line opening with `prefix`.
+  /// Everything decoded, one line each, each line opening with `prefix`.
   void dump_cpuid_info(std::ostream& out, char const* prefix) const;
-  // The registers as read.
+  /// The registers as read.
   void dump_raw_cpuid(std::ostream& out, char const* prefix) const;
-  // The leaf and the registers as 40 lower-case hexadecimal digits.
+  /// The leaf and the registers as 40 lower-case hexadecimal digits.
   static std::string regset_to_string(unsigned int leaf, RegSet const& regs);
-  // A canonical text of the registers to hash, to recognise a machine. `normalize` clears
-  // what depends on the operating system's settings rather than the processor.
+  /// A canonical text of the registers to hash, to recognise a machine. `normalize` clears
+  /// what depends on the operating system's settings rather than the processor.
   std::string as_string_for_hash(bool include_hypervisor, bool normalize = false) const;
 
-  // For trace statements: `out << CpuInfo::TraceCpuidInfo(&cpu, "  ")`.
+  /// For trace statements: `out << CpuInfo::TraceCpuidInfo(&cpu, "  ")`.
   struct TraceCpuidInfo {
     CpuInfo const* cpu;
     char const* prefix;
@@ -380,7 +387,7 @@ class TQCORE_EXPORT CpuInfo {
     return index < m_hypervisor.size() ? m_hypervisor[index] : absent();
   }
   bool has_extended(size_t index) const noexcept { return index < m_extended.size(); }
-  // A stored bit; false where the leaf is missing or the vendor does not match.
+  /// A stored bit; false where the leaf is missing or the vendor does not match.
   bool feature(uint32_t leaf, Register reg, int bit, Vendor vendor) const noexcept {
     if (vendor == vendor_intel && m_brand != brand_intel) return false;
     if (vendor == vendor_amd && m_brand != brand_amd) return false;
@@ -413,38 +420,38 @@ class TQCORE_EXPORT CpuInfo {
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& out, CpuInfo::TraceCpuidInfo const& trace);
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& out, CpuInfo::TraceRawCpuid const& trace);
 
-// A snapshot of the machine as the calling thread may use it: every CPU of its affinity
-// (at most 64), how they group into cores and packages, the timestamp counter's frequency,
-// and the instruction-set facts asked most. The survey pins the thread to each CPU in turn
-// and restores its affinity; afterwards every query is a look-up.
+/// A snapshot of the machine as the calling thread may use it: every CPU of its affinity
+/// (at most 64), how they group into cores and packages, the timestamp counter's frequency,
+/// and the instruction-set facts asked most. The survey pins the thread to each CPU in turn
+/// and restores its affinity; afterwards every query is a look-up.
 class TQCORE_EXPORT Cpu {
  public:
-  // The survey. The timestamp counter's frequency comes from CPUID (the crystal ratio of leaf
-  // 0x15, the base frequency of leaf 0x16, or the hypervisor's leaf 0x40000010), else it is
-  // measured over one second, during which the thread sleeps.
+  /// The survey. The timestamp counter's frequency comes from CPUID (the crystal ratio of leaf
+  /// 0x15, the base frequency of leaf 0x16, or the hypervisor's leaf 0x40000010), else it is
+  /// measured over one second, during which the thread sleeps.
   Cpu();
 
   int logical_cpus() const noexcept { return m_logicalCount; }
   int cores() const noexcept { return m_coreCount; }
   int packages() const noexcept { return m_packageCount; }
-  // Timestamp-counter ticks a second.
+  /// Timestamp-counter ticks a second.
   double frequency() const noexcept { return m_frequency; }
   bool is_cpu_present(unsigned int cpu) const noexcept { return m_logicalMask.is_set(cpu); }
   void get_logical_mask(CpuAffinityMask& mask) const noexcept { mask = m_logicalMask; }
   void get_core_mask(CpuAffinityMask& mask) const noexcept { mask = m_coreMask; }
   void get_physical_mask(CpuAffinityMask& mask) const noexcept { mask = m_physicalMask; }
-  // One CPU a package first, then one a core, then the hyper-threads.
+  /// One CPU a package first, then one a core, then the hyper-threads.
   std::vector<unsigned int> const& cpu_priority_list() const noexcept { return m_priorityList; }
 
-  // These look a CPU up without checking it: ask is_cpu_present first.
+  /// These look a CPU up without checking it: ask is_cpu_present first.
   unsigned char package(unsigned int cpu) const;
   unsigned char core(unsigned int cpu) const;
   unsigned char ht_unit(unsigned int cpu) const;
   unsigned char apic_id(unsigned int cpu) const;
   CpuInfo const& cpu_info(unsigned int cpu) const { return m_cpuInfo.at(cpu); }
 
-  // Whether `cpu` is the lowest-numbered of its package (core); raises
-  // "error.tqcore.hardware.invalidCpuId" for a CPU that is not present.
+  /// Whether `cpu` is the lowest-numbered of its package (core); raises
+  /// "error.tqcore.hardware.invalidCpuId" for a CPU that is not present.
   bool is_first_physical_cpu(unsigned int cpu) const;
   bool is_first_core_cpu(unsigned int cpu) const;
 
@@ -462,11 +469,11 @@ class TQCORE_EXPORT Cpu {
   bool has_16_byte_compare_exchange() const noexcept { return m_cmpxchg16; }
   bool has_conditional_move() const noexcept { return m_cmov; }
 
-  // The processor's timestamp counter, not serialised.
+  /// The processor's timestamp counter, not serialised.
   static unsigned long long read_timestamp() noexcept { return __builtin_ia32_rdtsc(); }
 
  protected:
-  // Timestamp ticks over one second of the monotonic clock, on the lowest CPU of the thread.
+  /// Timestamp ticks over one second of the monotonic clock, on the lowest CPU of the thread.
   static double measure_frequency();
 
  private:

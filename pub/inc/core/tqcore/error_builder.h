@@ -1,5 +1,17 @@
-// Convenient ways to a record at a raising site: a stream for the message (ErrorBuilder) or a
-// template with parameters collected fluently (ErrorComposer).
+/// @file
+/// Convenient ways to a record at a raising site: a stream for the message (ErrorBuilder) or a
+/// template with parameters collected fluently (ErrorComposer).
+///
+/// Failures: building a record raises only std::bad_alloc; `throw_error` raises ErrorException with
+/// the record built.
+///
+/// @code
+/// tqcore::ErrorBuilder message;
+/// message << "Queue '" << "orders" << "' is full (" << 1000 << " entries).";
+/// tqcore::ErrorInfo::Ptr const error = message.create(
+///     tqcore::ErrorCode("error.example.queue.full"),
+///     TQCORE_SOURCE_LOCATION("example()", "$Id: //example/queue.cpp#1 $"));
+/// @endcode
 #pragma once
 
 #include <tqcore/error_code.h>
@@ -16,8 +28,8 @@
 
 namespace tqcore {
 
-// An output string stream whose text becomes the message of the record it creates. The text is
-// copied, so the record outlives the builder; `create` leaves the stream's text as it is.
+/// An output string stream whose text becomes the message of the record it creates. The text is
+/// copied, so the record outlives the builder; `create` leaves the stream's text as it is.
 class TQCORE_EXPORT ErrorBuilder : public std::ostringstream {
  public:
   ErrorBuilder();
@@ -26,12 +38,12 @@ class TQCORE_EXPORT ErrorBuilder : public std::ostringstream {
   ErrorInfo::Ptr create(ErrorCode const& code, SourceLocation const& location) const;
   ErrorInfo::Ptr create(ErrorCode const& code, SourceLocation const& location,
                         ErrorInfo::Ptr const& nested) const;
-  // A non-zero `native_code` becomes the parameter "nativeCode".
+  /// A non-zero `native_code` becomes the parameter "nativeCode".
   ErrorInfo::Ptr create(ErrorCode const& code, SourceLocation const& location,
                         long native_code) const;
   ErrorInfo::Ptr create(ErrorCode const& code, SourceLocation const& location, long native_code,
                         ErrorInfo::Ptr const& nested) const;
-  // `context` is accepted for callers that have one, and not used.
+  /// `context` is accepted for callers that have one, and not used.
   ErrorInfo::Ptr create(ErrorCode const& code, SourceLocation const& location, long native_code,
                         ErrorInfo::Ptr const& nested,
                         RefCountPtr<RefCounted<AtomicRefCount>> const& context) const;
@@ -52,15 +64,17 @@ class TQCORE_EXPORT ErrorBuilder : public std::ostringstream {
                                             int errno_value) const;
 };
 
-// A message template and its parameters, collected one call after another, then created or
-// thrown. Each creation moves both into the record, so one composer gives one record.
-//
-//   ErrorComposer("No route to {@host}.").param("host", 4, name.data(), name.size())
-//       .throw_error(error::tqcore, TQCORE_SOURCE_LOCATION("net::route()", kFileId));
+/// A message template and its parameters, collected one call after another, then created or
+/// thrown. Each creation moves both into the record, so one composer gives one record.
+///
+/// @code
+/// ErrorComposer("No route to {@host}.").param("host", 4, name.data(), name.size())
+///     .throw_error(error::tqcore, TQCORE_SOURCE_LOCATION("net::route()", kFileId));
+/// @endcode
 class TQCORE_EXPORT ErrorComposer {
  public:
   ErrorComposer() = default;
-  // For literals: the text is kept as a reference.
+  /// For literals: the text is kept as a reference.
   explicit ErrorComposer(char const* message) : m_message(message, true) {}
   explicit ErrorComposer(SourceString message) : m_message(std::move(message)) {}
   ErrorComposer(TransferSource<SourceString> message) : m_message(message) {}
@@ -91,7 +105,7 @@ class TQCORE_EXPORT ErrorComposer {
     m_params.add(name, name_length, value, value_length);
     return *this;
   }
-  // A parameter under a literal name, which costs no copy of the name.
+  /// A parameter under a literal name, which costs no copy of the name.
   ErrorComposer& param(SourceString const& name, std::string_view value) {
     m_params.add(name, value);
     return *this;
@@ -107,8 +121,8 @@ class TQCORE_EXPORT ErrorComposer {
   ErrorInfo::Ptr create_with_nested_exception(ErrorCode const& code, SourceLocation const& location,
                                               std::exception const& cause);
 
-  // The third shape of a fallible call: throws when `error` is null, stores the record in
-  // `*error` (releasing what it held) otherwise.
+  /// The third shape of a fallible call: throws when `error` is null, stores the record in
+  /// `*error` (releasing what it held) otherwise.
   void create_transfer(ErrorInfo::Ptr* error, ErrorCode const& code,
                        SourceLocation const& location);
   void create_transfer(ErrorInfo::Ptr* error, ErrorCode const& code, SourceLocation const& location,

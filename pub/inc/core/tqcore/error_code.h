@@ -1,4 +1,15 @@
-// ErrorCode: the dotted, hierarchical identity of a kind of failure, and the library's codes.
+/// @file
+/// ErrorCode: the dotted, hierarchical identity of a kind of failure, and the library's codes.
+///
+/// Failures: codes are plain values; only copying a dynamic code may raise std::bad_alloc. The
+/// library's own codes are the constants of `tqcore::error`.
+///
+/// @code
+/// tqcore::ErrorCode const code("error.example.config.badPort");
+/// bool const family = code.matches("error.example.config");  // true: prefix at a dot
+/// bool const other = code.matches("error.example.conf");      // false: not at a dot
+/// tqcore::ErrorCode const system = tqcore::ErrorCode::from_errno(ENOENT);  // error.errno.ENOENT
+/// @endcode
 #pragma once
 
 #include <tqcore/refcount_ptr.h>
@@ -12,16 +23,16 @@
 
 namespace tqcore {
 
-// A code is segments joined by '.', beginning with "error". Handlers ask whether a code lies
-// at or below a node (`matches`) rather than comparing for equality, so that more specific
-// codes can be added under existing ones.
+/// A code is segments joined by '.', beginning with "error". Handlers ask whether a code lies
+/// at or below a node (`matches`) rather than comparing for equality, so that more specific
+/// codes can be added under existing ones.
 class TQCORE_EXPORT ErrorCode {
  public:
   static constexpr size_t npos = SourceString::npos;
 
   ErrorCode() noexcept = default;
   ErrorCode(char const* text) : m_value(text) {}
-  // True: an unmeasured reference, usable for constant-initialised codes.
+  /// True: an unmeasured reference, usable for constant-initialised codes.
   constexpr ErrorCode(char const* text, bool reference) : m_value(text, reference) {}
   ErrorCode(char const* text, size_t length, bool reference) : m_value(text, length, reference) {}
   ErrorCode(SourceString const& value) noexcept : m_value(value) {}
@@ -58,8 +69,8 @@ class TQCORE_EXPORT ErrorCode {
   SourceString const& value() const noexcept { return m_value; }
   bool empty() const noexcept { return m_value.empty(); }
 
-  // True if `pattern` is a prefix of this code that ends at a segment boundary. A null or
-  // empty pattern matches everything; "." matches every non-empty code. `length` may be npos.
+  /// True if `pattern` is a prefix of this code that ends at a segment boundary. A null or
+  /// empty pattern matches everything; "." matches every non-empty code. `length` may be npos.
   bool matches(ErrorCode const& pattern) const noexcept {
     return matches(pattern.m_value.data(), pattern.m_value.size());
   }
@@ -68,8 +79,8 @@ class TQCORE_EXPORT ErrorCode {
 
   int compare(ErrorCode const& other) const noexcept { return m_value.compare(other.m_value); }
 
-  // The code of an errno value: the catalogue's constant, or "error.errno.<n>" for a number
-  // without a name, or empty for 0. The second form reads errno.
+  /// The code of an errno value: the catalogue's constant, or "error.errno.<n>" for a number
+  /// without a name, or empty for 0. The second form reads errno.
   static ErrorCode from_errno(long value);
   static ErrorCode from_errno();
 
@@ -86,8 +97,8 @@ class TQCORE_EXPORT ErrorCode {
   bool operator>(char const* text) const noexcept { return m_value > text; }
   bool operator>=(char const* text) const noexcept { return m_value >= text; }
 
-  // Appends "." and `segment` (just `segment` on an empty code); the result is always a
-  // dynamic copy, and a failure leaves the code unchanged. A null segment does nothing.
+  /// Appends "." and `segment` (just `segment` on an empty code); the result is always a
+  /// dynamic copy, and a failure leaves the code unchanged. A null segment does nothing.
   void append_segment(char const* segment) { append_segment(segment, npos); }
   void append_segment(char const* segment, size_t length);
 
@@ -99,8 +110,8 @@ inline void swap(ErrorCode& a, ErrorCode& b) noexcept { a.swap(b); }
 
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorCode const& code);
 
-// The codes of this library. Each is constant-initialised as an unmeasured reference to its
-// literal, so it costs no start-up work and is never copied.
+/// The codes of this library. Each is constant-initialised as an unmeasured reference to its
+/// literal, so it costs no start-up work and is never copied.
 namespace error {
 
 extern TQCORE_EXPORT ErrorCode const tqcore;

@@ -1,4 +1,17 @@
-// ErrorException, the library's one exception class, and the basic throw functions.
+/// @file
+/// ErrorException, the library's one exception class, and the basic throw functions.
+///
+/// Failures: the throw functions raise ErrorException (never anything else but std::bad_alloc while
+/// building it); `what()` never raises.
+///
+/// @code
+/// try {
+///   tqcore::throw_error(tqcore::ErrorCode("error.example.disk.full"), "The disk is full.",
+///                       TQCORE_SOURCE_LOCATION("example()", "$Id: //example/disk.cpp#2 $"));
+/// } catch (tqcore::ErrorException const& e) {
+///   if (e.any_matches("error.example.disk")) std::cerr << e.what();  // the whole report
+/// }
+/// @endcode
 #pragma once
 
 #include <tqcore/error_code.h>
@@ -17,14 +30,14 @@
 
 namespace tqcore {
 
-// A thin carrier of an ErrorInfo: an exception turns back into a result, and a result into an
-// exception, without loss. The record is never null.
+/// A thin carrier of an ErrorInfo: an exception turns back into a result, and a result into an
+/// exception, without loss. The record is never null.
 class TQCORE_EXPORT ErrorException : public std::exception {
  public:
-  // A null record is replaced by one with the code "error.tqcore", so nothing throws empty.
+  /// A null record is replaced by one with the code "error.tqcore", so nothing throws empty.
   explicit ErrorException(ErrorInfo::Ptr const& error);
   explicit ErrorException(ErrorInfo::Ptr&& error);
-  // Shares the record; the copy builds its own what() text on demand.
+  /// Shares the record; the copy builds its own what() text on demand.
   ErrorException(ErrorException const& other) noexcept;
   ErrorException& operator=(ErrorException const& other) noexcept;
   ~ErrorException() override;
@@ -60,14 +73,14 @@ class TQCORE_EXPORT ErrorException : public std::exception {
     return m_error->first_matching(pattern);
   }
 
-  // The report of the record, built at most once and only when asked for. Never throws: if
-  // building fails the result is "tqcore::ErrorException".
+  /// The report of the record, built at most once and only when asked for. Never throws: if
+  /// building fails the result is "tqcore::ErrorException".
   char const* what() const noexcept override;
-  // Throws a new exception with this record; derived classes keep their own type.
+  /// Throws a new exception with this record; derived classes keep their own type.
   [[noreturn]] virtual void rethrow() const;
 
   [[noreturn]] static void throw_error(ErrorInfo::Ptr const& error);
-  // Returns at once for null (success), throws otherwise: joins `f_nothrow` to `f`.
+  /// Returns at once for null (success), throws otherwise: joins `f_nothrow` to `f`.
   static void throw_if_error(ErrorInfo::Ptr const& error) {
     if (error) throw_error(error);
   }
@@ -82,7 +95,7 @@ class TQCORE_EXPORT ErrorException : public std::exception {
 
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException const& exception);
 
-// Each creates the record that ErrorInfo::create makes of the same arguments and throws it.
+/// Each creates the record that ErrorInfo::create makes of the same arguments and throws it.
 [[noreturn]] TQCORE_EXPORT void throw_error(ErrorInfo::Ptr const& error);
 [[noreturn]] TQCORE_EXPORT void throw_error(ErrorCode const& code, char const* message,
                                             SourceLocation const& location);
@@ -106,7 +119,7 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException cons
                                             ErrorParams params, SourceLocation const& location,
                                             ErrorInfo::Ptr nested, SourceString hostname);
 
-// Throws the record of create with the record of `errno_value` as its cause.
+/// Throws the record of create with the record of `errno_value` as its cause.
 [[noreturn]] TQCORE_EXPORT void throw_with_nested_errno(ErrorCode const& code, char const* message,
                                                         SourceLocation const& location,
                                                         int errno_value);
@@ -121,7 +134,7 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException cons
                                                         ErrorParams params,
                                                         SourceLocation const& location,
                                                         int errno_value);
-// Throws the record of create with ErrorInfo::from_winerror as its cause.
+/// Throws the record of create with ErrorInfo::from_winerror as its cause.
 [[noreturn]] TQCORE_EXPORT void throw_with_nested_winerror(ErrorCode const& code,
                                                            char const* message,
                                                            SourceLocation const& location,
@@ -138,7 +151,7 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException cons
                                                            SourceString message, ErrorParams params,
                                                            SourceLocation const& location,
                                                            uint32_t win_error, bool nest_original);
-// Throws the record of create with ErrorInfo::from_exception as its cause.
+/// Throws the record of create with ErrorInfo::from_exception as its cause.
 [[noreturn]] TQCORE_EXPORT void throw_with_nested_exception(ErrorCode const& code,
                                                             char const* message,
                                                             SourceLocation const& location,
@@ -156,7 +169,7 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException cons
                                                             ErrorParams params,
                                                             SourceLocation const& location,
                                                             std::exception const& cause);
-// Throw ErrorInfo::from_errno and ErrorInfo::from_winerror.
+/// Throw ErrorInfo::from_errno and ErrorInfo::from_winerror.
 [[noreturn]] TQCORE_EXPORT void throw_errno(SourceLocation const& location, int value);
 [[noreturn]] TQCORE_EXPORT void throw_errno(SourceLocation const& location, ErrorInfo::Ptr nested,
                                             int value);
@@ -166,18 +179,18 @@ TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, ErrorException cons
                                                ErrorInfo::Ptr nested, uint32_t win_error,
                                                bool nest_original);
 
-// Sets errno to `value` and returns it; the Windows would-block number 10035 becomes 11.
+/// Sets errno to `value` and returns it; the Windows would-block number 10035 becomes 11.
 TQCORE_EXPORT int set_errno(int value);
 
-// The errno value nearest to a Windows error code, by name; 0 where none fits. Records may
-// come from Windows hosts, so the mapping is kept as a pure function.
+/// The errno value nearest to a Windows error code, by name; 0 where none fits. Records may
+/// come from Windows hosts, so the mapping is kept as a pure function.
 TQCORE_EXPORT int errno_from_winerror(uint32_t win_error);
-// Sets errno to the mapping of `win_error` (EINVAL where none fits) and returns it.
+/// Sets errno to the mapping of `win_error` (EINVAL where none fits) and returns it.
 TQCORE_EXPORT int set_errno_from_winerror(uint32_t win_error);
 
 namespace impl {
-// Raises "error.tqcore.string.embeddedNul": for a text that must become a C string and holds
-// a zero byte.
+/// Raises "error.tqcore.string.embeddedNul": for a text that must become a C string and holds
+/// a zero byte.
 [[noreturn]] TQCORE_EXPORT void raise_embedded_nul_error();
 }  // namespace impl
 

@@ -1,4 +1,16 @@
-// ErrorParams: the named values of one error, and expansion of "{@name}" message templates.
+/// @file
+/// ErrorParams: the named values of one error, and expansion of "{@name}" message templates.
+///
+/// Failures: adding and expanding raise only std::bad_alloc; a placeholder of an unknown name stays
+/// as written.
+///
+/// @code
+/// tqcore::ErrorParams params;
+/// params.add(tqcore::SourceString::create_reference("host"), "db1.example.org");
+/// params.add(tqcore::SourceString::create_reference("port"), "5432");
+/// // With the template "No route to {@host}:{@port}." the message reads
+/// // "No route to db1.example.org:5432."
+/// @endcode
 #pragma once
 
 #include <tqcore/refcount_ptr.h>
@@ -14,8 +26,8 @@
 
 namespace tqcore {
 
-// An ordered map from names to text values. Names may be references to literals, so a
-// literal name costs no copy; an empty set allocates nothing.
+/// An ordered map from names to text values. Names may be references to literals, so a
+/// literal name costs no copy; an empty set allocates nothing.
 class TQCORE_EXPORT ErrorParams {
   struct KeyLess {
     bool operator()(SourceString const& a, SourceString const& b) const noexcept {
@@ -55,31 +67,31 @@ class TQCORE_EXPORT ErrorParams {
   size_t size() const noexcept { return m_entries.size(); }
   const_iterator begin() const noexcept { return m_entries.begin(); }
   const_iterator end() const noexcept { return m_entries.end(); }
-  // `length` may be npos throughout.
+  /// `length` may be npos throughout.
   const_iterator find(char const* name, size_t length = npos) const;
   size_t count(char const* name, size_t length = npos) const {
     return find(name, length) == end() ? 0 : 1;
   }
 
-  // Sets the value of `name`. A new name is stored as a copy; an existing one keeps its place
-  // and gets the new value.
+  /// Sets the value of `name`. A new name is stored as a copy; an existing one keeps its place
+  /// and gets the new value.
   ErrorParams& add(char const* name, size_t name_length, char const* value, size_t value_length);
   ErrorParams& add_string(char const* name, size_t name_length, char const* value,
                           size_t value_length) {
     return add(name, name_length, value, value_length);
   }
-  // Sets the value of `name` sharing its text: pass SourceString::create_reference("literal")
-  // for a name that costs no copy.
+  /// Sets the value of `name` sharing its text: pass SourceString::create_reference("literal")
+  /// for a name that costs no copy.
   ErrorParams& add(SourceString const& name, std::string_view value) {
     insert_ref(name).assign(value.data(), value.size());
     return *this;
   }
-  // Sets every entry of `other` here, sharing the names; the values of `other` win.
+  /// Sets every entry of `other` here, sharing the names; the values of `other` win.
   ErrorParams& add(ErrorParams const& other);
 
-  // The value of `name`, or an empty string if it is absent.
+  /// The value of `name`, or an empty string if it is absent.
   std::string const& get_value(char const* name, size_t length = npos) const;
-  // True if `name` is present; then its value is assigned to `*value` unless that is null.
+  /// True if `name` is present; then its value is assigned to `*value` unless that is null.
   bool query_value(char const* name, size_t length, std::string* value) const;
 
   int compare(ErrorParams const& other) const;
@@ -92,16 +104,16 @@ class TQCORE_EXPORT ErrorParams {
 
   uint64_t hash() const noexcept;
 
-  // Each entry as 'name' => "value" (names cut at 128 bytes, values at 256, on UTF-8
-  // boundaries, with "..."), `separator` between entries.
+  /// Each entry as 'name' => "value" (names cut at 128 bytes, values at 256, on UTF-8
+  /// boundaries, with "..."), `separator` between entries.
   void write_trace(std::ostream& stream, char const* separator) const;
 
-  // The message with every placeholder of a known name replaced by its value. A message with
-  // no placeholder comes back as it is: the SourceString form does not even allocate, while
-  // the pointer form copies `length` bytes exactly as given (so npos throws there).
+  /// The message with every placeholder of a known name replaced by its value. A message with
+  /// no placeholder comes back as it is: the SourceString form does not even allocate, while
+  /// the pointer form copies `length` bytes exactly as given (so npos throws there).
   SourceString expanded_message(char const* text, size_t length) const;
   SourceString expanded_message(SourceString const& text) const;
-  // The same, with each inserted value cut at `limit` bytes (on a UTF-8 boundary) plus "...".
+  /// The same, with each inserted value cut at `limit` bytes (on a UTF-8 boundary) plus "...".
   SourceString expanded_message_with_limit(char const* text, size_t length, size_t limit) const;
   SourceString expanded_message_with_limit(SourceString const& text, size_t limit) const;
 
@@ -115,7 +127,7 @@ class TQCORE_EXPORT ErrorParams {
 inline void swap(ErrorParams& a, ErrorParams& b) noexcept { a.swap(b); }
 
 namespace impl {
-// The 32-bit text hash and the 64-bit fold shared by the hashes of the error model.
+/// The 32-bit text hash and the 64-bit fold shared by the hashes of the error model.
 inline uint32_t error_text_hash(char const* text, size_t length) noexcept {
   uint32_t h = 0;
   for (size_t i = 0; i < length; ++i) {

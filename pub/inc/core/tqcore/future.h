@@ -1,6 +1,17 @@
-// A one-shot waitable cell: set exactly once, with success (and a value) or with an ErrorInfo;
-// any number of threads can test it, block until it is set, or have observers called at the
-// moment it is set. The only object of the asynchronous results that blocks a thread.
+/// @file
+/// A one-shot waitable cell: set exactly once, with success (and a value) or with an ErrorInfo;
+/// any number of threads can test it, block until it is set, or have observers called at the
+/// moment it is set. The only object of the asynchronous results that blocks a thread.
+///
+/// Failures: `get` raises the record the future was set with; `set` on a future already set returns
+/// false and stores nothing (a null error raises even then); waiting never raises.
+///
+/// @code
+/// tqcore::Future<int> answer;
+/// std::thread worker([answer] { answer.set(42); });
+/// if (answer.wait(tqcore::RelativeTime::seconds(1))) std::cout << answer.get() << '\n';  // 42
+/// worker.join();
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
@@ -21,19 +32,19 @@
 
 namespace tqcore {
 
-// Called on the setting thread with the future's lock held: do little, and never wait on
-// anything that could need this future.
+/// Called on the setting thread with the future's lock held: do little, and never wait on
+/// anything that could need this future.
 class IFutureObserverBase {
  public:
   virtual void future_failed(ErrorInfo::Ptr const& error) = 0;
-  // Success of a Future<void>.
+  /// Success of a Future<void>.
   virtual void future_succeeded() = 0;
 
  protected:
   ~IFutureObserverBase() = default;
 };
 
-// The observer of a Future<T>: success comes with the value.
+/// The observer of a Future<T>: success comes with the value.
 template <class T>
 class IFutureObserver : public IFutureObserverBase {
  public:
@@ -60,33 +71,33 @@ class TQCORE_EXPORT FutureImplBase : public RefCounted<AtomicRefCount> {
 
   ~FutureImplBase() override;
 
-  // A set future costs no lock: one byte load.
+  /// A set future costs no lock: one byte load.
   void wait() const;
-  bool wait(AbsoluteTime const& deadline) const;  // false on timeout
+  bool wait(AbsoluteTime const& deadline) const;  ///< false on timeout
   bool wait(RelativeTime const& timeout) const;
   bool is_ready() const;
   bool has_error() const;
   bool has_value() const;
   ErrorInfo::Ptr error_info() const;
-  // Fails the future; a null error raises even on a future already set. False when it was set.
+  /// Fails the future; a null error raises even on a future already set. False when it was set.
   bool set(ErrorInfo::Ptr error);
 
-  // Adds an observer kept alive by `owner` until the future is set or it is removed. On a
-  // future already set nothing is stored and false comes back: the caller reads the outcome.
+  /// Adds an observer kept alive by `owner` until the future is set or it is removed. On a
+  /// future already set nothing is stored and false comes back: the caller reads the outcome.
   bool add_observer(IFutureObserverBase* observer, RefCountPtr<RefCounted<AtomicRefCount>> owner);
   bool remove_observer(IFutureObserverBase* observer);
 
  protected:
   FutureImplBase();
 
-  // For a derived class that holds the lock.
+  /// For a derived class that holds the lock.
   void signal_ready();
   Observer* find_observer(IFutureObserverBase* observer);
   bool ready_unlocked() const noexcept { return m_ready.load(std::memory_order_acquire); }
-  // Calls `notify` on every observer in order, then hands them all to `released`, which the
-  // caller declares before taking the lock: an owner may hold the last reference to something
-  // that asks this future again, so none is released under the lock. An exception leaves with
-  // every observer still in place.
+  /// Calls `notify` on every observer in order, then hands them all to `released`, which the
+  /// caller declares before taking the lock: an owner may hold the last reference to something
+  /// that asks this future again, so none is released under the lock. An exception leaves with
+  /// every observer still in place.
   template <class F>
   void notify_observers(std::vector<Observer>& released, F notify) {
     for (Observer& observer : m_observers) notify(observer.get());
@@ -96,13 +107,13 @@ class TQCORE_EXPORT FutureImplBase : public RefCounted<AtomicRefCount> {
   bool announce_blocking() const;
 
   mutable ACE_Thread_Mutex m_lock;
-  // Atomic only so that the unlocked reads are defined; on x86-64 they are plain byte loads.
+  /// Atomic only so that the unlocked reads are defined; on x86-64 they are plain byte loads.
   std::atomic<bool> m_ready{false};
-  mutable bool m_waiterMayBlock = false;  // under m_lock
+  mutable bool m_waiterMayBlock = false;  ///< under m_lock
   ErrorInfo::Ptr m_error;
   std::vector<Observer> m_observers;
   mutable ACE_Event_T<ACE_System_Time_Policy> m_event;
-  bool m_eventUsable;  // ACE reports a failed set-up of the event only by leaving it empty
+  bool m_eventUsable;  ///< ACE reports a failed set-up of the event only by leaving it empty
 };
 
 template <class T>
@@ -110,9 +121,9 @@ class FutureImpl : public FutureImplBase {
  public:
   using FutureImplBase::set;
 
-  // False when the future was already set. The value is stored before any observer hears of
-  // it and before the flag: should moving it in fail, nobody was told of a success that did not
-  // happen; should an observer raise, it is taken back out.
+  /// False when the future was already set. The value is stored before any observer hears of
+  /// it and before the flag: should moving it in fail, nobody was told of a success that did not
+  /// happen; should an observer raise, it is taken back out.
   bool set(T value) {
     std::vector<Observer> released;
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
@@ -129,9 +140,9 @@ class FutureImpl : public FutureImplBase {
     signal_ready();
     return true;
   }
-  // Blocks until set; raises the stored error, the same record on every call.
-  // Returns a reference to the stored value, valid while any handle lives; a move-only T is
-  // read in place.
+  /// Blocks until set; raises the stored error, the same record on every call.
+  /// Returns a reference to the stored value, valid while any handle lives; a move-only T is
+  /// read in place.
   T const& get() const {
     wait();
     // Once ready, the error and the value never change, and the flag's acquire load made them
@@ -162,12 +173,12 @@ void FutureImpl<T>::raise_stored_error() const {
 
 }  // namespace impl
 
-// A handle on a shared cell: copies share it, and it lives as long as any handle.
+/// A handle on a shared cell: copies share it, and it lives as long as any handle.
 template <class T = void>
 class Future {
  public:
   Future() : m_impl(new impl::FutureImpl<T>) {}
-  // Another handle on an existing cell.
+  /// Another handle on an existing cell.
   explicit Future(RefCountPtr<impl::FutureImpl<T>> cell) noexcept : m_impl(std::move(cell)) {}
 
   void wait() const { m_impl->wait(); }

@@ -1,9 +1,20 @@
-// Object keys: handles whose equality and hash cost one pointer comparison. ObjectKey is a
-// unique identity (optionally labelled), StringKey an interned string and UuidKey an interned
-// Uuid. Keys of the same text, made on any thread at any time, compare equal; the cache holds
-// its entries weakly, so the last key of a text takes the entry with it.
-//
-// Order and hash follow addresses: they hold within one run, never across runs.
+/// @file
+/// Object keys: handles whose equality and hash cost one pointer comparison. ObjectKey is a
+/// unique identity (optionally labelled), StringKey an interned string and UuidKey an interned
+/// Uuid. Keys of the same text, made on any thread at any time, compare equal; the cache holds
+/// its entries weakly, so the last key of a text takes the entry with it.
+///
+/// Order and hash follow addresses: they hold within one run, never across runs.
+///
+/// Failures: interning raises std::bad_alloc, and "error.tqcore.objectManager.closed" after the key
+/// caches have closed at exit; comparison and hashing never raise.
+///
+/// @code
+/// std::map<tqcore::StringKey, int> counts;
+/// ++counts[tqcore::StringKey("orders")];
+/// ++counts[tqcore::StringKey(std::string("orders").c_str())];  // the same key: one entry, 2
+/// tqcore::ObjectKey const session = tqcore::ObjectKey::create_unique();
+/// @endcode
 #pragma once
 
 #include <tqcore/refcount_ptr.h>
@@ -23,20 +34,20 @@ namespace tqcore {
 class TQCORE_EXPORT ObjectKeyToken : public RefCounted<AtomicRefCount> {
  public:
   ~ObjectKeyToken() override;
-  // Writes the trace text the stream form of StringTraceData gives.
+  /// Writes the trace text the stream form of StringTraceData gives.
   virtual void write_trace(std::ostream& stream) const;
   virtual StringTraceData::Ptr query_trace_data() const = 0;
   void const* key_value() const noexcept { return m_keyValue; }
 
-  // The null key's token: key value null, trace text "<null>".
-  // Built while the library loads, in storage never freed: handing it out never allocates.
+  /// The null key's token: key value null, trace text "<null>".
+  /// Built while the library loads, in storage never freed: handing it out never allocates.
   static RefCountPtr<ObjectKeyToken> const& default_token() noexcept;
 
  protected:
-  // The key value is the token's own address.
+  /// The key value is the token's own address.
   ObjectKeyToken() noexcept : m_keyValue(this) {}
   explicit ObjectKeyToken(void const* value) noexcept : m_keyValue(value) {}
-  // A token that is its own trace data hands itself out, kept alive by the pointer.
+  /// A token that is its own trace data hands itself out, kept alive by the pointer.
   StringTraceData::Ptr self_trace_data(StringTraceData const* data) const {
     return StringTraceData::Ptr(data, RefCountPtr<RefCounted<AtomicRefCount> const>(this));
   }
@@ -50,7 +61,7 @@ namespace impl {
 class TQCORE_EXPORT StringKeyToken : public ObjectKeyToken {
  public:
   std::string const& value() const noexcept { return *m_value; }
-  // Built while the library loads, in storage never freed: handing it out never allocates.
+  /// Built while the library loads, in storage never freed: handing it out never allocates.
   static RefCountPtr<StringKeyToken> const& default_token() noexcept;
 
  protected:
@@ -64,7 +75,7 @@ class TQCORE_EXPORT StringKeyToken : public ObjectKeyToken {
 class TQCORE_EXPORT UuidKeyToken : public ObjectKeyToken {
  public:
   Uuid const& uuid() const noexcept { return *m_uuid; }
-  // Built while the library loads, in storage never freed: handing it out never allocates.
+  /// Built while the library loads, in storage never freed: handing it out never allocates.
   static RefCountPtr<UuidKeyToken> const& default_token() noexcept;
 
  protected:
@@ -75,8 +86,8 @@ class TQCORE_EXPORT UuidKeyToken : public ObjectKeyToken {
   Uuid const* m_uuid;
 };
 
-// A token standing for an address: traced as the process's 16-character name, ":0x" and the
-// address in 16 hexadecimal digits, made on first request.
+/// A token standing for an address: traced as the process's 16-character name, ":0x" and the
+/// address in 16 hexadecimal digits, made on first request.
 class TQCORE_EXPORT ObjectKeyTokenForPointerBase : public ObjectKeyToken, public StringTraceData {
  public:
   ~ObjectKeyTokenForPointerBase() override;
@@ -92,7 +103,7 @@ class TQCORE_EXPORT ObjectKeyTokenForPointerBase : public ObjectKeyToken, public
 
 }  // namespace impl
 
-// What the three keys share: one token pointer, never null.
+/// What the three keys share: one token pointer, never null.
 template <class Token>
 class ObjectKeyBase {
  public:
@@ -135,15 +146,15 @@ class TQCORE_EXPORT ObjectKey : public ObjectKeyBase<ObjectKeyToken> {
       : ObjectKeyBase(std::move(token)) {}
   bool is_null() const noexcept { return key_value() == nullptr; }
 
-  // A new identity, equal only to its copies. Its trace name is drawn when first asked for.
+  /// A new identity, equal only to its copies. Its trace name is drawn when first asked for.
   static ObjectKey create_unique();
-  // The same, traced as "\"label\"_" and the 16-character name.
+  /// The same, traced as "\"label\"_" and the 16-character name.
   static ObjectKey create_unique_with_label(char const* label, size_t size);
 };
 
 class TQCORE_EXPORT StringKey : public ObjectKeyBase<impl::StringKeyToken> {
  public:
-  // The empty text: the default token, never cached.
+  /// The empty text: the default token, never cached.
   StringKey() noexcept : ObjectKeyBase(impl::StringKeyToken::default_token()) {}
   explicit StringKey(char const* text);
   StringKey(char const* text, size_t size) : ObjectKeyBase(token_from_string(text, size)) {}
@@ -159,7 +170,7 @@ class TQCORE_EXPORT StringKey : public ObjectKeyBase<impl::StringKeyToken> {
 
 class TQCORE_EXPORT UuidKey : public ObjectKeyBase<impl::UuidKeyToken> {
  public:
-  // The null Uuid: the default token, never cached.
+  /// The null Uuid: the default token, never cached.
   UuidKey() noexcept : ObjectKeyBase(impl::UuidKeyToken::default_token()) {}
   explicit UuidKey(Uuid const& uuid);
   static UuidKey from_uuid(Uuid const& uuid) { return UuidKey(uuid); }

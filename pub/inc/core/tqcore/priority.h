@@ -1,14 +1,21 @@
-// Scope guards that change a thread's priority or the process's priority class for a block,
-// and the labels that configuration and traces use for them.
-//
-//   tqcore::ScopedThreadPriority const lower(
-//       tqcore::ScopedThreadPriority::threadPriorityBelowNormal, ACE_Thread_ID());
-//
-// The values are the family's portable constants. Here they map onto the nice value of each
-// thread (Idle 19, Lowest 10, BelowNormal 5, Normal 0, AboveNormal -5, Highest -10,
-// TimeCritical -20; the classes likewise, applied to every thread of the process), so a thread
-// priority and the class share one number and the last one set wins. Raising a priority above
-// Normal needs the privilege to lower nice values (RLIMIT_NICE or CAP_SYS_NICE).
+/// @file
+/// Scope guards that change a thread's priority or the process's priority class for a block,
+/// and the labels that configuration and traces use for them.
+///
+/// Failures: the guards raise "error.tqcore.hardware.threadPriority" or
+/// "error.tqcore.hardware.priorityClass" with the system's errno record nested; the labels never
+/// fail.
+///
+/// @code
+/// tqcore::ScopedThreadPriority const lower(
+///     tqcore::ScopedThreadPriority::threadPriorityBelowNormal, ACE_Thread_ID());
+/// @endcode
+///
+/// The values are the family's portable constants. Here they map onto the nice value of each
+/// thread (Idle 19, Lowest 10, BelowNormal 5, Normal 0, AboveNormal -5, Highest -10,
+/// TimeCritical -20; the classes likewise, applied to every thread of the process), so a thread
+/// priority and the class share one number and the last one set wins. Raising a priority above
+/// Normal needs the privilege to lower nice values (RLIMIT_NICE or CAP_SYS_NICE).
 #pragma once
 
 #include <tqcore/tqcore_export.h>
@@ -31,16 +38,16 @@ class TQCORE_EXPORT ScopedThreadPriority {
   static constexpr long threadPriorityHighest = 2;
   static constexpr long threadPriorityTimeCritical = 15;
 
-  // For stream output: the label, or "##UNKNOWN(<value>)".
+  /// For stream output: the label, or "##UNKNOWN(<value>)".
   struct TracePriority {
     long value;
   };
 
-  // Keeps the thread's priority, then sets `priority`; raises
-  // "error.tqcore.hardware.threadPriority" if either fails. Only the calling thread's priority
-  // can be read or set here: the kernel id of another thread is not known.
+  /// Keeps the thread's priority, then sets `priority`; raises
+  /// "error.tqcore.hardware.threadPriority" if either fails. Only the calling thread's priority
+  /// can be read or set here: the kernel id of another thread is not known.
   ScopedThreadPriority(long priority, ACE_Thread_ID const& thread);
-  // Restores the kept priority; raises if that fails.
+  /// Restores the kept priority; raises if that fails.
   ~ScopedThreadPriority() noexcept(false);
   ScopedThreadPriority(ScopedThreadPriority const&) = default;
   ScopedThreadPriority& operator=(ScopedThreadPriority const&) = default;
@@ -48,11 +55,11 @@ class TQCORE_EXPORT ScopedThreadPriority {
   long old_thread_priority() const noexcept { return m_oldPriority; }
 
   static void set_thread_priority(ACE_Thread_ID const& thread, long priority);
-  // The label's value nearest to the thread's nice value.
+  /// The label's value nearest to the thread's nice value.
   static long get_thread_priority(ACE_Thread_ID const& thread);
-  // The label, or empty for a value outside the table.
+  /// The label, or empty for a value outside the table.
   static std::string thread_priority_as_string(long priority);
-  // By label, in any case; raises for an unknown label.
+  /// By label, in any case; raises for an unknown label.
   static long thread_priority_from_string(char const* label, size_t length);
 
  private:
@@ -73,8 +80,8 @@ class TQCORE_EXPORT ScopedPriorityClass {
     unsigned long value;
   };
 
-  // Keeps the process's class, then sets `priority_class` on every thread of the process;
-  // raises "error.tqcore.hardware.priorityClass" if either fails.
+  /// Keeps the process's class, then sets `priority_class` on every thread of the process;
+  /// raises "error.tqcore.hardware.priorityClass" if either fails.
   explicit ScopedPriorityClass(unsigned long priority_class);
   ~ScopedPriorityClass() noexcept(false);
   ScopedPriorityClass(ScopedPriorityClass const&) = default;
@@ -83,7 +90,7 @@ class TQCORE_EXPORT ScopedPriorityClass {
   unsigned long old_priority_class() const noexcept { return m_oldClass; }
 
   static void set_process_priority_class(unsigned long priority_class);
-  // The class nearest to the main thread's nice value.
+  /// The class nearest to the main thread's nice value.
   static unsigned long get_process_priority_class();
   static std::string process_priority_class_as_string(unsigned long priority_class);
   static unsigned long process_priority_class_from_string(char const* label, size_t length);

@@ -1,4 +1,18 @@
-// Owning pointers: RefCountPtr, the explicit move marker TransferSource, and InterfacePtr.
+/// @file
+/// Owning pointers: RefCountPtr, the explicit move marker TransferSource, and InterfacePtr.
+///
+/// Failures: the pointers never raise; promoting a weak reference whose object is gone raises
+/// WeakRefPromoteException, and a reader count past its limit raises
+/// "error.exception.runtime_error.overflow_error".
+///
+/// @code
+/// struct Session : tqcore::RefCounted<tqcore::AtomicRefCount> {
+///   int id = 0;
+/// };
+/// tqcore::RefCountPtr<Session> session(new Session);
+/// tqcore::RefCountPtr<Session const> reader(session);  // one atomic increment
+/// tqcore::RefCountPtr<Session> taken(session.transfer());  // an explicit move
+/// @endcode
 #pragma once
 
 #include <tqcore/refcounted.h>
@@ -12,8 +26,8 @@
 
 namespace tqcore {
 
-// Names the object a receiver is to take its value from: `x.transfer()`. It owns nothing; the
-// constructor or assignment that accepts it leaves the source empty.
+/// Names the object a receiver is to take its value from: `x.transfer()`. It owns nothing; the
+/// constructor or assignment that accepts it leaves the source empty.
 template <class T>
 class TransferSource {
  public:
@@ -24,8 +38,8 @@ class TransferSource {
   T* m_source;
 };
 
-// Intrusive owning pointer, exactly one pointer wide. T derives from RefCounted<Count> and may
-// be const. Operations on a null pointer take no locked instruction.
+/// Intrusive owning pointer, exactly one pointer wide. T derives from RefCounted<Count> and may
+/// be const. Operations on a null pointer take no locked instruction.
 template <class T>
 class RefCountPtr {
   using SafeBool = T* RefCountPtr::*;
@@ -36,7 +50,7 @@ class RefCountPtr {
   RefCountPtr() noexcept : m_p(nullptr) {}
   RefCountPtr(std::nullptr_t) noexcept : m_p(nullptr) {}
   RefCountPtr(T* p) noexcept : m_p(safe_add_ref(p)) {}
-  // With `add_ref` false the pointer adopts a reference the caller held (see `detach`).
+  /// With `add_ref` false the pointer adopts a reference the caller held (see `detach`).
   RefCountPtr(T* p, bool add_ref) noexcept : m_p(add_ref ? safe_add_ref(p) : p) {}
   RefCountPtr(RefCountPtr const& other) noexcept : m_p(safe_add_ref(other.m_p)) {}
   RefCountPtr(RefCountPtr&& other) noexcept : m_p(other.m_p) { other.m_p = nullptr; }
@@ -51,7 +65,7 @@ class RefCountPtr {
     if (m_p != nullptr) m_p->release();
   }
 
-  // Safe on itself: reset adds the new reference before dropping the old one.
+  /// Safe on itself: reset adds the new reference before dropping the old one.
   RefCountPtr& operator=(RefCountPtr const& other) {  // NOLINT(bugprone-unhandled-self-assignment)
     reset(other.m_p);
     return *this;
@@ -60,7 +74,7 @@ class RefCountPtr {
     reset(p);
     return *this;
   }
-  // Not noexcept: dropping the old object may run a destructor that raises.
+  /// Not noexcept: dropping the old object may run a destructor that raises.
   RefCountPtr& operator=(RefCountPtr&& other) {  // NOLINT(performance-noexcept-move-constructor)
     T* p = other.m_p;
     other.m_p = nullptr;
@@ -68,21 +82,21 @@ class RefCountPtr {
     return *this;
   }
 
-  // Adds the new reference before dropping the old one: self-assignment is safe, and an
-  // object kept alive only by the old one survives.
+  /// Adds the new reference before dropping the old one: self-assignment is safe, and an
+  /// object kept alive only by the old one survives.
   void reset(T* p = nullptr) {
     safe_add_ref(p);
     std::swap(m_p, p);
     if (p != nullptr) p->release();
   }
-  // Stores `p` without a new reference; the old object is released last, so a destructor
-  // that reaches back finds the new value.
+  /// Stores `p` without a new reference; the old object is released last, so a destructor
+  /// that reaches back finds the new value.
   void attach(T* p) {
     T* old = m_p;
     m_p = p;
     if (old != nullptr) old->release();
   }
-  // Gives up the reference without releasing it; the caller now owns it.
+  /// Gives up the reference without releasing it; the caller now owns it.
   T* detach() noexcept {
     T* p = m_p;
     m_p = nullptr;
@@ -101,11 +115,11 @@ class RefCountPtr {
   T* get() const noexcept { return m_p; }
   T* operator->() const noexcept { return m_p; }
   T& operator*() const noexcept { return *m_p; }
-  // Deliberately the same as get(): no pointer access of this class checks for null.
+  /// Deliberately the same as get(): no pointer access of this class checks for null.
   T* checked_get() const noexcept { return m_p; }
   bool is_null() const noexcept { return m_p == nullptr; }
   bool operator!() const noexcept { return m_p == nullptr; }
-  // Tests as a boolean without converting to an integer.
+  /// Tests as a boolean without converting to an integer.
   operator SafeBool() const noexcept { return m_p != nullptr ? &RefCountPtr::m_p : nullptr; }
 
   RefCountPtr<T const> const& as_const_ptr() const noexcept {
@@ -154,8 +168,8 @@ void swap(RefCountPtr<T>& a, RefCountPtr<T>& b) noexcept {
   a.swap(b);
 }
 
-// A pointer to an interface that has no count of its own, with the owner that keeps the
-// interface's object alive. Copying copies the pointer and adds a reference through the owner.
+/// A pointer to an interface that has no count of its own, with the owner that keeps the
+/// interface's object alive. Copying copies the pointer and adds a reference through the owner.
 template <class I, class Owner>
 class InterfacePtr {
  public:
@@ -196,14 +210,14 @@ class InterfacePtr {
   Owner m_owner;
 };
 
-// Non-template base of reader-counting guards over a RefCountPtr.
+/// Non-template base of reader-counting guards over a RefCountPtr.
 class TQCORE_EXPORT RefCountPtrGuardBase {
  protected:
-  // Raises "error.exception.runtime_error.overflow_error"; does not return.
+  /// Raises "error.exception.runtime_error.overflow_error"; does not return.
   [[noreturn]] static void throw_too_many_readers_error();
 };
 
-// Thrown by an attempt to promote a weak reference whose strong count has reached 0.
+/// Thrown by an attempt to promote a weak reference whose strong count has reached 0.
 class TQCORE_EXPORT WeakRefPromoteException : public std::exception {
  public:
   char const* what() const noexcept override;

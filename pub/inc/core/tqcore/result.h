@@ -1,5 +1,16 @@
-// What every asynchronous operation returns: nothing to report (Empty), a value or an error at
-// hand, or either arriving later through a Future. Callers read all four alike with get().
+/// @file
+/// What every asynchronous operation returns: nothing to report (Empty), a value or an error at
+/// hand, or either arriving later through a Future. Callers read all four alike with get().
+///
+/// Failures: `get` raises the operation's record; waiting on an Empty result raises
+/// "error.tqcore.result.notWaitable"; `cancel` never raises.
+///
+/// @code
+/// tqcore::Future<int> f;
+/// tqcore::ResultControlFutureRef<int> const control(f);
+/// tqcore::Result<int> const result = control.signal_result(7);  // complete at once
+/// std::cout << result.get() << ' ' << f.get() << '\n';          // 7 7
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
@@ -19,13 +30,13 @@ class AnyResultBarrier;
 namespace impl {
 class AnyResultElement;
 
-// "Operation cancelled", with `reason` as its cause; without a reason, one shared record.
+/// "Operation cancelled", with `reason` as its cause; without a reason, one shared record.
 TQCORE_EXPORT ErrorInfo::Ptr create_result_cancel_error(ErrorInfo::Ptr const& reason);
 [[noreturn]] TQCORE_EXPORT void raise_result_failure_null();
 [[noreturn]] TQCORE_EXPORT void raise_not_waitable_error();
 [[noreturn]] TQCORE_EXPORT void raise_result_error(ErrorInfo::Ptr const& error);
 
-// Every piece of an asynchronous operation can be cancelled; `force` is passed on, unread.
+/// Every piece of an asynchronous operation can be cancelled; `force` is passed on, unread.
 class TQCORE_EXPORT AsyncOp : public RefCounted<AtomicRefCount> {
  public:
   virtual void cancel(bool force, ErrorInfo::Ptr const& reason) const = 0;
@@ -43,11 +54,11 @@ class TQCORE_EXPORT ResultImplBase : public AsyncOp {
 template <class T>
 class ResultImpl : public ResultImplBase {
  public:
-  using Got = std::add_lvalue_reference_t<T const>;  // void stays void
+  using Got = std::add_lvalue_reference_t<T const>;  ///< void stays void
   virtual Got get() const = 0;
 };
 
-// Immediate results: no event and no lock.
+/// Immediate results: no event and no lock.
 template <class T>
 class ValueResultImpl final : public ResultImpl<T> {
   struct Nothing {};
@@ -78,7 +89,7 @@ template <class T>
 class ErrorResultImpl final : public ResultImpl<T> {
  public:
   using Got = typename ResultImpl<T>::Got;
-  // A null error raises before anything is allocated.
+  /// A null error raises before anything is allocated.
   static RefCountPtr<ResultImpl<T> const> create(ErrorInfo::Ptr const& error) {
     if (!error) raise_result_failure_null();
     return RefCountPtr<ResultImpl<T> const>(new ErrorResultImpl(error));
@@ -96,7 +107,7 @@ class ErrorResultImpl final : public ResultImpl<T> {
   ErrorInfo::Ptr m_error;
 };
 
-// A result completing later: everything is the future's.
+/// A result completing later: everything is the future's.
 template <class T>
 class FutureResultImpl final : public ResultImpl<T> {
  public:
@@ -104,7 +115,7 @@ class FutureResultImpl final : public ResultImpl<T> {
   static RefCountPtr<ResultImpl<T> const> create(Future<T> const& future) {
     return RefCountPtr<ResultImpl<T> const>(new FutureResultImpl(future));
   }
-  // A cancel after completion changes nothing: the first setter won.
+  /// A cancel after completion changes nothing: the first setter won.
   void cancel(bool, ErrorInfo::Ptr const& reason) const override {
     m_future.set(create_result_cancel_error(reason));
   }
@@ -122,23 +133,23 @@ class FutureResultImpl final : public ResultImpl<T> {
 
 }  // namespace impl
 
-// The type-independent reading side of a Result; one pointer, null when Empty.
+/// The type-independent reading side of a Result; one pointer, null when Empty.
 class TQCORE_EXPORT ResultBase {
  public:
   bool is_ready() const { return m_impl && m_impl->is_ready(); }
-  // Two separate calls: a result completing in between reads as not ready, never wrongly.
+  /// Two separate calls: a result completing in between reads as not ready, never wrongly.
   bool has_value() const { return m_impl && m_impl->is_ready() && !m_impl->has_error(); }
   bool has_error() const { return m_impl && m_impl->has_error(); }
   bool is_waitable() const { return m_impl && m_impl->is_waitable(); }
-  // An Empty result raises "error.tqcore.result.notWaitable".
+  /// An Empty result raises "error.tqcore.result.notWaitable".
   void wait() const { impl()->wait(RelativeTime::infinite); }
   bool wait(RelativeTime const& timeout) const { return impl()->wait(timeout); }
-  // A null reason is allowed; Empty, Value and Error results ignore it.
+  /// A null reason is allowed; Empty, Value and Error results ignore it.
   void cancel(bool force, ErrorInfo::Ptr const& reason) const {
     if (m_impl) m_impl->cancel(force, reason);
   }
   ErrorInfo::Ptr error_info() const { return m_impl ? m_impl->error_info() : nullptr; }
-  // Raises a known error without waiting: a pending result passes.
+  /// Raises a known error without waiting: a pending result passes.
   void throw_if_error() const;
 
  protected:
@@ -161,7 +172,7 @@ template <class T = void>
 class Result : public ResultBase {
  public:
   Result() noexcept = default;
-  // Takes the reference over, leaving the argument null.
+  /// Takes the reference over, leaving the argument null.
   Result(RefCountPtr<impl::ResultImpl<T> const> implementation) noexcept
       : ResultBase(std::move(implementation)) {}
   Result(Result const&) = default;
@@ -175,21 +186,21 @@ class Result : public ResultBase {
   TransferSource<Result> transfer() noexcept { return TransferSource<Result>(*this); }
   void swap(Result& other) noexcept { m_impl.swap(other.m_impl); }
 
-  // Blocks until complete; returns the value or raises the error. Empty raises not-waitable.
+  /// Blocks until complete; returns the value or raises the error. Empty raises not-waitable.
   typename impl::ResultImpl<T>::Got get() const {
     return static_cast<impl::ResultImpl<T> const*>(impl())->get();
   }
 
  private:
   friend class AnyResultBarrier;
-  // The typed result behind an untyped one; a different type gives an Empty result.
+  /// The typed result behind an untyped one; a different type gives an Empty result.
   static Result dynamic_cast_from(RefCountPtr<impl::ResultImplBase const> const& result) {
     return Result(RefCountPtr<impl::ResultImpl<T> const>(
         dynamic_cast<impl::ResultImpl<T> const*>(result.get())));
   }
 };
 
-// Cancels an operation without knowing its result type.
+/// Cancels an operation without knowing its result type.
 class TQCORE_EXPORT AsyncOpHandle {
  public:
   AsyncOpHandle() noexcept = default;
@@ -198,7 +209,7 @@ class TQCORE_EXPORT AsyncOpHandle {
     m_op = result.m_impl;
     return *this;
   }
-  // Empties the handle first, so a second call does nothing and the operation is let go.
+  /// Empties the handle first, so a second call does nothing and the operation is let go.
   void cancel(bool force, ErrorInfo::Ptr const& reason);
 
  private:

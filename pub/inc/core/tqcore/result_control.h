@@ -1,19 +1,35 @@
-// How an operation learns from its caller where its outcome goes, and how it delivers it.
-//
-// An operation takes a `ResultControl<T> const&` and returns a `Result<T>`. It completes at once
-// with `return control.signal_result(value)` or `return control.signal_error(error)`, or later:
-// `handler = control.create_async_handler()`, `return handler->get_result()`, and from any
-// thread afterwards `handler->on_async_result_success(value)` or `on_async_result_error(error)`.
-// The caller picks the delivery by the control it passes: ignored, ignored unless immediate,
-// into a Future it holds, or into the handler of an enclosing operation.
-//
-// For a `T` other than void the success signals take the value (by value: a move-only `T` is
-// moved through). For void they take nothing; their parameter is the empty `impl::Nil`.
-//
-// With TQCORE_CHECK_ASYNC_RESULT_SIGNALING set (read once at load; empty or "y..." or "1..." turns
-// it on, unset or "0", "n", "f"... leaves it off) a handler signalled on the thread whose control
-// is still alive raises "error.tqcore.result.invalidAsyncSignalScope": that completion should
-// have gone through the control.
+/// @file
+/// How an operation learns from its caller where its outcome goes, and how it delivers it.
+///
+/// An operation takes a `ResultControl<T> const&` and returns a `Result<T>`. It completes at once
+/// with `return control.signal_result(value)` or `return control.signal_error(error)`, or later:
+/// `handler = control.create_async_handler()`, `return handler->get_result()`, and from any
+/// thread afterwards `handler->on_async_result_success(value)` or `on_async_result_error(error)`.
+/// The caller picks the delivery by the control it passes: ignored, ignored unless immediate,
+/// into a Future it holds, or into the handler of an enclosing operation.
+///
+/// For a `T` other than void the success signals take the value (by value: a move-only `T` is
+/// moved through). For void they take nothing; their parameter is the empty `impl::Nil`.
+///
+/// With TQCORE_CHECK_ASYNC_RESULT_SIGNALING set (read once at load; empty or "y..." or "1..." turns
+/// it on, unset or "0", "n", "f"... leaves it off) a handler signalled on the thread whose control
+/// is still alive raises "error.tqcore.result.invalidAsyncSignalScope": that completion should
+/// have gone through the control.
+///
+/// Failures: a second signal raises "error.tqcore.result.redundantSignal" (unless the first outcome
+/// was a cancellation); a null error raises "error.tqcore.future.nullError"; a handler dropped
+/// unsignalled fails its future with "error.tqcore.result.notSignaled"; with the signalling check
+/// on, "error.tqcore.result.invalidAsyncSignalScope".
+///
+/// @code
+/// tqcore::Future<int> f;
+/// tqcore::ResultControlFutureRef<int> const control(f);  // the caller chooses: into f
+/// auto handler = control.create_async_handler();           // the operation: later
+/// tqcore::Result<int> const result = handler->get_result();
+/// std::thread worker([handler] { handler->on_async_result_success(42); });
+/// std::cout << result.get() << '\n';  // 42
+/// worker.join();
+/// @endcode
 #pragma once
 
 #include <tqcore/error_info.h>
@@ -41,7 +57,7 @@ class ResultControlIgnoredIfAsync;
 
 namespace impl {
 
-// The success value of a void operation.
+/// The success value of a void operation.
 struct Nil {
   friend constexpr bool operator==(Nil, Nil) noexcept { return true; }
   friend constexpr bool operator!=(Nil, Nil) noexcept { return false; }
@@ -57,8 +73,8 @@ struct SignalValueOf<void> {
   using type = Nil;
 };
 
-// The default argument of every success signal: void operations signal without a value, and a
-// typed one that forgets its value fails to compile here rather than signal a default.
+/// The default argument of every success signal: void operations signal without a value, and a
+/// typed one that forgets its value fails to compile here rather than signal a default.
 template <class T>
 constexpr Nil success_without_value() noexcept {
   static_assert(std::is_void_v<T>, "a typed success signal needs its value");
@@ -85,12 +101,12 @@ bool set_success(Future<T> const& future, typename SignalValueOf<T>::type&& valu
 
 TQCORE_EXPORT ErrorInfo::Ptr create_result_not_signaled_error();
 TQCORE_EXPORT ErrorInfo::Ptr create_unexpected_asynchrony_error();
-// Null (success, or still pending) is not a cancellation; an inner-operation cancellation is.
+/// Null (success, or still pending) is not a cancellation; an inner-operation cancellation is.
 TQCORE_EXPORT bool result_was_cancelled(ErrorInfo::Ptr const& error);
-// `error`, the later outcome, rides along as the inner error so that it is not lost.
+/// `error`, the later outcome, rides along as the inner error so that it is not lost.
 [[noreturn]] TQCORE_EXPORT void raise_redundant_signal_error(ErrorInfo::Ptr error,
                                                              bool after_success_callback);
-// A `name_size` of size_t(-1) means `name` is zero-terminated; a null `name` reads as "".
+/// A `name_size` of size_t(-1) means `name` is zero-terminated; a null `name` reads as "".
 [[noreturn]] TQCORE_EXPORT void raise_null_parameter_error(char const* name, size_t name_size,
                                                            SourceLocation const& location);
 
@@ -100,14 +116,14 @@ namespace impl {
 class ScopeCheck;
 }  // namespace impl
 
-// The caller's side: a stack object, never shared between threads. Becomes active on its
-// thread when the first handler is built from it, and leaves that thread's list when destroyed.
+/// The caller's side: a stack object, never shared between threads. Becomes active on its
+/// thread when the first handler is built from it, and leaves that thread's list when destroyed.
 class TQCORE_EXPORT ResultControlBase {
  public:
-  // An active control destroyed on another thread leaves the list of the thread that
-  // activated it, then raises "error.tqcore.result.wrongThread"; the exception leaves the
-  // destructor, unless an exception that began after the activation is unwinding the stack:
-  // then the error goes to the critical-error trace instead of ending the process.
+  /// An active control destroyed on another thread leaves the list of the thread that
+  /// activated it, then raises "error.tqcore.result.wrongThread"; the exception leaves the
+  /// destructor, unless an exception that began after the activation is unwinding the stack:
+  /// then the error goes to the critical-error trace instead of ending the process.
   virtual ~ResultControlBase() noexcept(false) {
     if (m_id != 0) deactivate();
   }
@@ -116,12 +132,12 @@ class TQCORE_EXPORT ResultControlBase {
 
  protected:
   ResultControlBase() noexcept = default;
-  // The activation belongs to the original: a copy starts idle and assignment keeps its own.
+  /// The activation belongs to the original: a copy starts idle and assignment keeps its own.
   ResultControlBase(ResultControlBase const&) noexcept {}
-  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): keeps its own state, copies nothing
+  /// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): keeps its own state, copies nothing
   ResultControlBase& operator=(ResultControlBase const&) noexcept { return *this; }
 
-  // Raises if a control with this id is still active on the calling thread.
+  /// Raises if a control with this id is still active on the calling thread.
   static void validate_async_signal(unsigned int id);
 
  private:
@@ -132,9 +148,9 @@ class TQCORE_EXPORT ResultControlBase {
   void deactivate() const;
 
   mutable unsigned int m_id = 0;
-  mutable int m_uncaught = 0;  // exceptions in flight when it was activated
+  mutable int m_uncaught = 0;  ///< exceptions in flight when it was activated
   mutable ResultControlBase const* m_previous = nullptr;
-  mutable void* m_anchor = nullptr;  // the list of the thread that activated it
+  mutable void* m_anchor = nullptr;  ///< the list of the thread that activated it
 };
 
 template <class T = void>
@@ -142,8 +158,8 @@ class ResultControl : public ResultControlBase {
  public:
   using Value = typename impl::SignalValueOf<T>::type;
 
-  // Content a caller may attach: built in place in the slot, destroyed by its first virtual
-  // operation with argument 0, never freed. Nothing in the library attaches any.
+  /// Content a caller may attach: built in place in the slot, destroyed by its first virtual
+  /// operation with argument 0, never freed. Nothing in the library attaches any.
   class SlotContent {
    public:
     virtual void destroy(unsigned int flags) = 0;
@@ -157,7 +173,7 @@ class ResultControl : public ResultControlBase {
     if (m_slotContent != nullptr) m_slotContent->destroy(0);
   }
 
-  // For void the outcome is never wanted; typed controls answer for themselves.
+  /// For void the outcome is never wanted; typed controls answer for themselves.
   bool is_ignored() const override { return std::is_void_v<T>; }
   virtual Result<T> signal_result(Value value = impl::success_without_value<T>()) const = 0;
   virtual Result<T> signal_error(ErrorInfo::Ptr const& error) const = 0;
@@ -165,10 +181,10 @@ class ResultControl : public ResultControlBase {
 
  protected:
   ResultControl() noexcept = default;
-  // A copy starts with an empty slot; assignment copies the slot as it stands, pointer and
-  // bytes alike. The asymmetry is deliberate: attached content is never owned twice by copies.
+  /// A copy starts with an empty slot; assignment copies the slot as it stands, pointer and
+  /// bytes alike. The asymmetry is deliberate: attached content is never owned twice by copies.
   ResultControl(ResultControl const& other) noexcept : ResultControlBase(other) {}
-  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): two plain copies, harmless on itself
+  /// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): two plain copies, harmless on itself
   ResultControl& operator=(ResultControl const& other) noexcept {
     m_slotContent = other.m_slotContent;
     std::memcpy(m_slot, other.m_slot, kSlotSize);
@@ -186,9 +202,9 @@ class TQCORE_EXPORT AsyncResultBase : public impl::AsyncOp {
   virtual bool ignored() const = 0;
   virtual bool cancelled() const = 0;
 
-  // Scope check first, then a null error raises "error.tqcore.result.badParameter".
+  /// Scope check first, then a null error raises "error.tqcore.result.badParameter".
   void on_async_result_error(ErrorInfo::Ptr const& error);
-  // The id of the control this handler was built from; 0 when the check was off.
+  /// The id of the control this handler was built from; 0 when the check was off.
   unsigned int activation_id() const noexcept { return m_id; }
 
  protected:
@@ -212,7 +228,7 @@ class AsyncResult : public AsyncResultBase {
     validate_signal();
     async_success_impl(std::move(value));
   }
-  // Hands this operation's completion to an inner operation.
+  /// Hands this operation's completion to an inner operation.
   AsyncHandlerAdapterControl<T> as_control() {
     return AsyncHandlerAdapterControl<T>(RefCountPtr<AsyncResult<T>>(this));
   }
@@ -224,8 +240,8 @@ class AsyncResult : public AsyncResultBase {
 
 namespace impl {
 
-// What the three handlers that deliver nowhere share: cancel, signals and get_result do
-// nothing; whether they report cancellation is theirs to say.
+/// What the three handlers that deliver nowhere share: cancel, signals and get_result do
+/// nothing; whether they report cancellation is theirs to say.
 template <class T>
 class AsyncResultInertBase : public AsyncResult<T> {
  public:
@@ -259,7 +275,7 @@ class AsyncResultIgnoredBase : public AsyncResultInertBase<T> {
   using AsyncResultInertBase<T>::AsyncResultInertBase;
 };
 
-// Reports cancellation from the start.
+/// Reports cancellation from the start.
 template <class T>
 class AsyncResultCancelledBase : public AsyncResultInertBase<T> {
  public:
@@ -272,7 +288,7 @@ class AsyncResultCancelledBase : public AsyncResultInertBase<T> {
   using AsyncResultInertBase<T>::AsyncResultInertBase;
 };
 
-// Stands behind a control that forbids asynchrony: the result is that error.
+/// Stands behind a control that forbids asynchrony: the result is that error.
 template <class T>
 class AsyncResultErrorBase : public AsyncResultInertBase<T> {
  public:
@@ -288,8 +304,8 @@ class AsyncResultErrorBase : public AsyncResultInertBase<T> {
   using AsyncResultInertBase<T>::AsyncResultInertBase;
 };
 
-// Delivers into a Future. The first outcome wins; a later one is swallowed after a cancel and
-// raises "error.tqcore.result.redundantSignal" otherwise.
+/// Delivers into a Future. The first outcome wins; a later one is swallowed after a cancel and
+/// raises "error.tqcore.result.redundantSignal" otherwise.
 template <class T>
 class AsyncResultFutureBase : public AsyncResult<T> {
  public:
@@ -297,8 +313,8 @@ class AsyncResultFutureBase : public AsyncResult<T> {
                                             Future<T> const& future) {
     return RefCountPtr<AsyncResult<T>>(new AsyncResultFuture<T>(control, future));
   }
-  // A handler dropped unsignalled tells the reader why no outcome will come. Nothing leaves:
-  // should an observer raise, the future stays as its observers left it.
+  /// A handler dropped unsignalled tells the reader why no outcome will come. Nothing leaves:
+  /// should an observer raise, the future stays as its observers left it.
   ~AsyncResultFutureBase() override {
     if (m_future.is_ready()) return;
     try {
@@ -319,7 +335,7 @@ class AsyncResultFutureBase : public AsyncResult<T> {
   void async_error_impl(ErrorInfo::Ptr const& error) override {
     if (!m_future.set(error)) after_lost_signal(error);
   }
-  // The future was set before: normal after a cancel, a fault otherwise.
+  /// The future was set before: normal after a cancel, a fault otherwise.
   void after_lost_signal(ErrorInfo::Ptr const& error) const {
     if (!result_was_cancelled(m_future.error_info())) raise_redundant_signal_error(error, false);
   }
@@ -375,11 +391,11 @@ class ResultControlIgnoredBase : public ResultControl<T> {
   RefCountPtr<AsyncResult<T>> create_async_handler() const override {
     return AsyncResultIgnoredBase<T>::create(*this);
   }
-  // The outcome is wanted if it is there at once, and ignored otherwise.
+  /// The outcome is wanted if it is there at once, and ignored otherwise.
   ResultControlIgnoredIfAsync<T> if_not_ready() const { return ResultControlIgnoredIfAsync<T>(); }
 };
 
-// Immediate outcomes come back as Value or Error results, with no Future and no lock.
+/// Immediate outcomes come back as Value or Error results, with no Future and no lock.
 template <class T>
 class ResultControlDirectIfSynchronousBase : public ResultControl<T> {
  public:
@@ -396,12 +412,12 @@ template <class T>
 class ResultControlFutureRefBase : public ResultControl<T> {
  public:
   using Value = typename ResultControl<T>::Value;
-  // A second signal is not detected: the future keeps the first outcome.
+  /// A second signal is not detected: the future keeps the first outcome.
   Result<T> signal_result(Value value = success_without_value<T>()) const override {
     set_success(m_future, std::move(value));
     return Result<T>(FutureResultImpl<T>::create(m_future));
   }
-  // A null error raises "error.tqcore.future.nullError", the future's own code.
+  /// A null error raises "error.tqcore.future.nullError", the future's own code.
   Result<T> signal_error(ErrorInfo::Ptr const& error) const override {
     m_future.set(error);
     return Result<T>(FutureResultImpl<T>::create(m_future));
@@ -422,12 +438,12 @@ class ResultControlFutureRefBase : public ResultControl<T> {
   Future<T> m_future;
 };
 
-// Outcome of a completion handed to another thread: success (with its value) or an error.
+/// Outcome of a completion handed to another thread: success (with its value) or an error.
 template <class T>
 class DispatchedCompletion {
  public:
   DispatchedCompletion(T value) : m_value(std::move(value)) {}
-  // A typed completion without a value must carry an error.
+  /// A typed completion without a value must carry an error.
   DispatchedCompletion(ErrorInfo::Ptr error) : m_error(std::move(error)) {
     if (!m_error) raise_result_failure_null();
   }
@@ -446,7 +462,7 @@ class DispatchedCompletion<void> {
   static constexpr Nil const& value = nil;
 
   DispatchedCompletion(Nil const&) noexcept {}
-  // Null is success.
+  /// Null is success.
   DispatchedCompletion(ErrorInfo::Ptr error) noexcept : m_error(std::move(error)) {}
   ErrorInfo::Ptr const& error() const noexcept { return m_error; }
 
@@ -454,10 +470,10 @@ class DispatchedCompletion<void> {
   ErrorInfo::Ptr m_error;
 };
 
-// Tags by which invocation templates pick their overloads.
+/// Tags by which invocation templates pick their overloads.
 class TQCORE_EXPORT ResultInnerInvokerTagBase {
  public:
-  // What an inner operation ends with when its enclosing operation was cancelled first.
+  /// What an inner operation ends with when its enclosing operation was cancelled first.
   static ErrorInfo::Ptr outer_operation_cancelled();
 };
 class ResultMethodInvokerTagBase {};
@@ -465,7 +481,7 @@ class ResultDispatchedInvokerTagBase {};
 
 }  // namespace impl
 
-// Nobody wants the outcome.
+/// Nobody wants the outcome.
 template <class T = void>
 class ResultControlIgnored : public impl::ResultControlIgnoredBase<T> {
  public:
@@ -474,7 +490,7 @@ class ResultControlIgnored : public impl::ResultControlIgnoredBase<T> {
   ResultControlIgnored& operator=(ResultControlIgnored const&) noexcept = default;
 };
 
-// The outcome is wanted when the operation completes in its call, and ignored when it goes on.
+/// The outcome is wanted when the operation completes in its call, and ignored when it goes on.
 template <class T = void>
 class ResultControlIgnoredIfAsync : public impl::ResultControlDirectIfSynchronousBase<T> {
  public:
@@ -488,7 +504,7 @@ class ResultControlIgnoredIfAsync : public impl::ResultControlDirectIfSynchronou
   }
 };
 
-// The outcome goes into a Future the caller holds.
+/// The outcome goes into a Future the caller holds.
 template <class T = void>
 class ResultControlFutureRef : public impl::ResultControlFutureRefBase<T> {
  public:
@@ -497,19 +513,19 @@ class ResultControlFutureRef : public impl::ResultControlFutureRefBase<T> {
   ResultControlFutureRef(ResultControlFutureRef const&) = default;
 };
 
-// Passes an enclosing operation's handler down as a control: the inner operation completes
-// the outer one directly, through the handler's own signals and their checks.
+/// Passes an enclosing operation's handler down as a control: the inner operation completes
+/// the outer one directly, through the handler's own signals and their checks.
 template <class T = void>
 class AsyncHandlerAdapterControl : public ResultControl<T> {
  public:
   using Value = typename ResultControl<T>::Value;
 
-  // Takes the reference over, leaving the argument null; a null handler raises.
+  /// Takes the reference over, leaving the argument null; a null handler raises.
   explicit AsyncHandlerAdapterControl(RefCountPtr<AsyncResult<T>> handler) {
     m_handler.swap(handler);
     if (!m_handler) raise_null_handler();
   }
-  // Turns the control an operation was given into one that outlives the call.
+  /// Turns the control an operation was given into one that outlives the call.
   explicit AsyncHandlerAdapterControl(ResultControl<T> const& control)
       : m_handler(control.create_async_handler()) {
     if (!m_handler) raise_null_handler();

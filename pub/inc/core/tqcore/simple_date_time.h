@@ -1,6 +1,19 @@
-// A date-time with a fixed time-zone offset, as protocols and files write them: a base
-// AbsoluteTime (the clock reading before the offset) and the offset in minutes. No zone
-// database, no daylight saving.
+/// @file
+/// A date-time with a fixed time-zone offset, as protocols and files write them: a base
+/// AbsoluteTime (the clock reading before the offset) and the offset in minutes. No zone
+/// database, no daylight saving.
+///
+/// Failures: the readers have the three shapes, with "error.tqcore.simpleDateTime.invalidString"; a
+/// non-zero or infinite offset on an infinite base raises
+/// "error.tqcore.simpleDateTime.timezoneOffset".
+///
+/// @code
+/// tqcore::SimpleDateTime const local =
+///     tqcore::SimpleDateTime::from_string("2024-02-29T12:34:56+05:30");
+/// int const minutes_east = local.timezone_offset();               // 330
+/// tqcore::AbsoluteTime const utc = local.base_time_utc();         // 07:04:56 UTC
+/// std::cout << local.as_string() << '\n';
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
@@ -18,9 +31,9 @@ class TQCORE_EXPORT SimpleDateTime {
  public:
   SimpleDateTime() noexcept = default;
   explicit SimpleDateTime(AbsoluteTime const& base) noexcept : m_base(base) {}
-  // Offsets beyond ±720 minutes move whole days into the base; an infinite base takes only 0.
+  /// Offsets beyond ±720 minutes move whole days into the base; an infinite base takes only 0.
   SimpleDateTime(AbsoluteTime const& base, int minutes) { set(base, minutes); }
-  // Whole minutes of the offset; an infinite offset raises.
+  /// Whole minutes of the offset; an infinite offset raises.
   SimpleDateTime(AbsoluteTime const& base, RelativeTime const& offset) { set(base, offset); }
 
   void set(AbsoluteTime const& base) noexcept {
@@ -35,23 +48,23 @@ class TQCORE_EXPORT SimpleDateTime {
   RelativeTime timezone_offset_as_relative_time() const noexcept {
     return RelativeTime::seconds(m_offset * 60);
   }
-  // The base plus the offset.
+  /// The base plus the offset.
   AbsoluteTime as_local_time() const noexcept {
     return m_offset == 0 || m_base.is_infinite() ? m_base
                                                  : m_base + timezone_offset_as_relative_time();
   }
   uint64_t hash() const noexcept { return as_local_time().hash(); }
 
-  // "2000-01-01 12:00:00.0+01:00", "...Z" for offset 0, "##INFINITE##".
+  /// "2000-01-01 12:00:00.0+01:00", "...Z" for offset 0, "##INFINITE##".
   std::string as_string() const;
-  // An ISO 8601 UTC base and an optional "Z", "±hh:mm", "±hhmm" or "±hh". `out` may be null.
+  /// An ISO 8601 UTC base and an optional "Z", "±hh:mm", "±hhmm" or "±hh". `out` may be null.
   static ErrorInfo::Ptr from_string_nothrow(char const* text, size_t size, SimpleDateTime* out);
   static SimpleDateTime from_string(char const* text, size_t size);
   static SimpleDateTime from_string(std::string const& text) {
     return from_string(text.data(), text.size());
   }
 
-  // Local times decide: different offsets with equal sums are equal.
+  /// Local times decide: different offsets with equal sums are equal.
   friend bool operator==(SimpleDateTime const& a, SimpleDateTime const& b) noexcept {
     return a.as_local_time() == b.as_local_time();
   }

@@ -1,5 +1,16 @@
-// SourceString: the two-word string of the error model, and SourceLocation, where an error
-// was raised.
+/// @file
+/// SourceString: the two-word string of the error model, and SourceLocation, where an error
+/// was raised.
+///
+/// Failures: only std::bad_alloc, when a dynamic copy is made. A reference (`create_reference`, the
+/// `char const*` constructor of SourceLocation) keeps the caller's pointer: the text must outlive
+/// it.
+///
+/// @code
+/// tqcore::SourceString const literal = tqcore::SourceString::create_reference("orders");
+/// tqcore::SourceLocation const here =
+///     TQCORE_SOURCE_LOCATION("example()", "$Id: //example/orders.cpp#7 $");
+/// @endcode
 #pragma once
 
 #include <tqcore/refcount_ptr.h>
@@ -17,9 +28,9 @@
 
 namespace tqcore {
 
-// Trace state of a text that a trace sink has written once and can afterwards refer to by
-// file offset. Each sink is the one caller for its own sink number; different sinks may call
-// at the same time.
+/// Trace state of a text that a trace sink has written once and can afterwards refer to by
+/// file offset. Each sink is the one caller for its own sink number; different sinks may call
+/// at the same time.
 class TQCORE_EXPORT StringTraceData {
  public:
   static constexpr size_t max_trace_sink_count() { return 4; }
@@ -30,9 +41,9 @@ class TQCORE_EXPORT StringTraceData {
   void set_trace_file_offset(size_t sink, unsigned int file_id, unsigned int offset) const;
 
   using Ptr = InterfacePtr<StringTraceData const, RefCountPtr<RefCounted<AtomicRefCount> const>>;
-  // Asks the first installed string trace handler; false if none is installed.
+  /// Asks the first installed string trace handler; false if none is installed.
   static bool supported_by_stream(std::ostream& stream);
-  // Calls the second installed handler, or writes the trace text plainly without one.
+  /// Calls the second installed handler, or writes the trace text plainly without one.
   static void write_to_stream(std::ostream& stream, Ptr const& data);
 
  protected:
@@ -47,8 +58,8 @@ class TQCORE_EXPORT StringTraceData {
     unsigned int offset;
   };
   static Record* records_of(uint64_t state) noexcept;
-  // 0: nothing; low bit set: one inline record for sink 0; otherwise a Record[4] pointer,
-  // published once by compare-and-exchange.
+  /// 0: nothing; low bit set: one inline record for sink 0; otherwise a Record[4] pointer,
+  /// published once by compare-and-exchange.
   mutable std::atomic<uint64_t> m_traceState;
 };
 
@@ -59,18 +70,18 @@ using StringTraceSupportedHandler = bool (*)(std::ostream&);
 using StringTraceWriteDataHandler = void (*)(std::ostream&, StringTraceData::Ptr const&);
 using StringTraceWriteStringHandler = void (*)(std::ostream&, SourceString const&);
 
-// Lets an outside trace system take over the writing of strings; null removes a handler.
+/// Lets an outside trace system take over the writing of strings; null removes a handler.
 TQCORE_EXPORT void set_string_trace_handlers(StringTraceSupportedHandler supported,
                                              StringTraceWriteDataHandler write_trace_data,
                                              StringTraceWriteStringHandler write_source_string);
 
 namespace impl {
 
-// Header of a shared text block; the text and a NUL follow it in the same allocation.
+/// Header of a shared text block; the text and a NUL follow it in the same allocation.
 class TQCORE_EXPORT DynamicSourceStringHolder final : public RefCounted<AtomicRefCount>,
                                                       public StringTraceData {
  public:
-  // Makes a block holding a copy of `length` bytes of `text`, with the count at 1.
+  /// Makes a block holding a copy of `length` bytes of `text`, with the count at 1.
   static DynamicSourceStringHolder* create(char const* text, size_t length,
                                            StringTraceData::Ptr trace_source);
 
@@ -84,7 +95,7 @@ class TQCORE_EXPORT DynamicSourceStringHolder final : public RefCounted<AtomicRe
   std::pair<char const*, size_t> trace_text() const override;
 
  protected:
-  // The block was not made by a plain `new` of this class, so it is freed raw.
+  /// The block was not made by a plain `new` of this class, so it is freed raw.
   void destroy() override;
   ~DynamicSourceStringHolder() override = default;
 
@@ -97,33 +108,33 @@ class TQCORE_EXPORT DynamicSourceStringHolder final : public RefCounted<AtomicRe
 
 }  // namespace impl
 
-// Two words that either refer to text someone else keeps alive or share an immutable block by
-// reference count. A plain `char const*` copies; a reference has to be asked for.
-//
-// A reference may be created unmeasured; the first operation that needs the length measures
-// the text and caches it, even through a const object. The cache is written with relaxed
-// atomics, so concurrent readers are safe: they all store the same value.
+/// Two words that either refer to text someone else keeps alive or share an immutable block by
+/// reference count. A plain `char const*` copies; a reference has to be asked for.
+///
+/// A reference may be created unmeasured; the first operation that needs the length measures
+/// the text and caches it, even through a const object. The cache is written with relaxed
+/// atomics, so concurrent readers are safe: they all store the same value.
 class TQCORE_EXPORT SourceString {
  public:
   static char const* const sm_emptyStrData;
   static constexpr size_t npos = static_cast<size_t>(-1);
 
   SourceString() noexcept : m_text(sm_emptyStrData), m_tag(0) {}
-  // A null text is the empty text in every constructor and comparison.
+  /// A null text is the empty text in every constructor and comparison.
   SourceString(char const* text) { alloc_dynamic(text, length_of(text)); }
-  // True: unmeasured reference, the text is not read. False: a dynamic copy.
+  /// True: unmeasured reference, the text is not read. False: a dynamic copy.
   constexpr SourceString(char const* text, bool reference)
       : m_text(text != nullptr ? text : ""), m_tag(kUnmeasured) {
     if (!reference) alloc_dynamic(m_text, std::strlen(m_text));
   }
   SourceString(char const* text, size_t length) { alloc_dynamic(text, length); }
-  // Keeps `SourceString(p, 3)` from being ambiguous with the reference flag.
+  /// Keeps `SourceString(p, 3)` from being ambiguous with the reference flag.
   template <class Int, class = std::enable_if_t<std::is_integral<Int>::value &&
                                                 !std::is_same<Int, bool>::value>>
   SourceString(char const* text, Int length) : SourceString(text, static_cast<size_t>(length)) {}
   SourceString(char const* text, size_t length, bool reference);
   explicit SourceString(StringTraceData::Ptr const& trace_source);
-  // A copy of the key's text that keeps the key's trace data as its trace source.
+  /// A copy of the key's text that keeps the key's trace data as its trace source.
   SourceString(StringKey const& key);
   SourceString(SourceString const& other) noexcept : m_text(other.m_text), m_tag(other.tag()) {
     if (m_tag < 0) clone_dynamic();
@@ -144,7 +155,7 @@ class TQCORE_EXPORT SourceString {
     return SourceString(text, length);
   }
 
-  // Assignment builds the new value first and swaps it in; the old block is released last.
+  /// Assignment builds the new value first and swaps it in; the old block is released last.
   SourceString& operator=(SourceString other) noexcept {
     swap(other);
     return *this;
@@ -185,7 +196,7 @@ class TQCORE_EXPORT SourceString {
   bool is_reference() const noexcept { return tag() >= 0; }
   std::string as_string() const { return std::string(m_text, size()); }
 
-  // Equal text pointers compare equal at once, whatever the lengths: that shortcut is kept.
+  /// Equal text pointers compare equal at once, whatever the lengths: that shortcut is kept.
   int compare(SourceString const& other) const noexcept;
   int compare(char const* text) const noexcept {
     return compare(text != nullptr ? text : "", length_of(text));
@@ -205,7 +216,7 @@ class TQCORE_EXPORT SourceString {
   bool operator>(char const* text) const noexcept { return compare(text) > 0; }
   bool operator>=(char const* text) const noexcept { return compare(text) >= 0; }
 
-  // For a dynamic value its trace source, or the block's own trace data; null otherwise.
+  /// For a dynamic value its trace source, or the block's own trace data; null otherwise.
   StringTraceData::Ptr query_trace_data() const;
 
  private:
@@ -242,16 +253,16 @@ inline bool operator!=(char const* text, SourceString const& s) noexcept { retur
 
 inline void swap(SourceString& a, SourceString& b) noexcept { a.swap(b); }
 
-// Short texts are written directly; longer ones go to the installed string trace handler.
+/// Short texts are written directly; longer ones go to the installed string trace handler.
 TQCORE_EXPORT std::ostream& operator<<(std::ostream& stream, SourceString const& text);
 
-// Function, file identifier and line of the place where an error was made.
+/// Function, file identifier and line of the place where an error was made.
 class TQCORE_EXPORT SourceLocation {
  public:
   SourceLocation() noexcept : m_line(0) {}
-  // The form used at raising sites: both texts are unmeasured references to literals, which
-  // never allocate.
-  // NOLINTNEXTLINE(bugprone-exception-escape)
+  /// The form used at raising sites: both texts are unmeasured references to literals, which
+  /// never allocate.
+  /// NOLINTNEXTLINE(bugprone-exception-escape)
   constexpr SourceLocation(char const* function, char const* file_id, unsigned int line) noexcept
       : m_function(function, true), m_fileId(file_id, true), m_line(line) {}
   SourceLocation(SourceString function, SourceString file_id, unsigned int line) noexcept
@@ -286,20 +297,20 @@ class TQCORE_EXPORT SourceLocation {
   SourceString const& function() const noexcept { return m_function; }
   SourceString const& file_id() const noexcept { return m_fileId; }
   unsigned int line() const noexcept { return m_line; }
-  // Looks at the two texts only, never at the line.
+  /// Looks at the two texts only, never at the line.
   bool empty() const noexcept { return m_function.empty() && m_fileId.empty(); }
 
-  // The depot path of the file, without the revision: "//depot/a/b.cpp".
+  /// The depot path of the file, without the revision: "//depot/a/b.cpp".
   std::string file_path() const { return file_path_from_file_id(m_fileId.data(), m_fileId.size()); }
-  // The depot path with the revision: "//depot/a/b.cpp#3".
+  /// The depot path with the revision: "//depot/a/b.cpp#3".
   std::string file_depot_path() const {
     return depot_path_from_file_id(m_fileId.data(), m_fileId.size());
   }
-  // `length` may be npos; a null `id` counts as empty.
+  /// `length` may be npos; a null `id` counts as empty.
   static std::string file_path_from_file_id(char const* id, size_t length);
   static std::string depot_path_from_file_id(char const* id, size_t length);
 
-  // Line first, then function, then file: sorted locations group by line.
+  /// Line first, then function, then file: sorted locations group by line.
   int compare(SourceLocation const& other) const noexcept;
   bool operator==(SourceLocation const& other) const noexcept {
     return m_line == other.m_line && m_function == other.m_function && m_fileId == other.m_fileId;

@@ -1,6 +1,16 @@
-// Small value objects that write what a log line wants to show: booleans as words, numbers and
-// pointers in hexadecimal, strings quoted and cut, memory as hex dumps. They hold references,
-// not copies, and live for one stream expression.
+/// @file
+/// Small value objects that write what a log line wants to show: booleans as words, numbers and
+/// pointers in hexadecimal, strings quoted and cut, memory as hex dumps. They hold references,
+/// not copies, and live for one stream expression.
+///
+/// Failures: the streamers raise only what the stream raises; bad text is shown escaped, never
+/// rejected.
+///
+/// @code
+/// std::string const name = "config";
+/// std::cout << tqcore::streamers::String(name.data(), name.size())  // "config", quoted
+///           << ' ' << tqcore::streamers::Hex(42, true) << '\n';     // 0x0000002a
+/// @endcode
 #pragma once
 
 #include <tqcore/tqcore_export.h>
@@ -16,7 +26,7 @@
 namespace tqcore {
 namespace streamers {
 
-// The empty base through which operator<< reaches T::write_trace.
+/// The empty base through which operator<< reaches T::write_trace.
 template <class T>
 struct Streamable {};
 
@@ -35,7 +45,7 @@ class TQCORE_EXPORT Boolean : public Streamable<Boolean> {
   bool m_value;
 };
 
-// "0x" and lower-case digits; padded shows twice the type's size in digits.
+/// "0x" and lower-case digits; padded shows twice the type's size in digits.
 class TQCORE_EXPORT Hex : public Streamable<Hex> {
  public:
   template <class T,
@@ -64,7 +74,7 @@ class TQCORE_EXPORT Pointer : public Streamable<Pointer> {
   void const* m_value;
 };
 
-// Quoted (unless the quote is 0) and cut at `maximum` bytes on a UTF-8 boundary, with "...".
+/// Quoted (unless the quote is 0) and cut at `maximum` bytes on a UTF-8 boundary, with "...".
 class TQCORE_EXPORT String : public Streamable<String> {
  public:
   static constexpr size_t maxlenDefault = 256;
@@ -87,8 +97,8 @@ class TQCORE_EXPORT String : public Streamable<String> {
   char m_quote;
 };
 
-// Converted to UTF-8 ('?' for what cannot be), then written as String does; the maximum
-// counts UTF-8 bytes.
+/// Converted to UTF-8 ('?' for what cannot be), then written as String does; the maximum
+/// counts UTF-8 bytes.
 class TQCORE_EXPORT WString : public Streamable<WString> {
  public:
   static constexpr size_t maxlenDefault = 256;
@@ -128,7 +138,7 @@ class TQCORE_EXPORT HexDump : public Streamable<HexDump> {
   char const* m_prefix;
 };
 
-// Lines of "address: sixteen bytes in hex: sixteen characters", each after `prefix`.
+/// Lines of "address: sixteen bytes in hex: sixteen characters", each after `prefix`.
 TQCORE_EXPORT void render_hex_dump(std::ostream& stream, void const* data, size_t size,
                                    void const* address, char const* prefix);
 
@@ -136,7 +146,7 @@ TQCORE_EXPORT void render_hex_dump(std::ostream& stream, void const* data, size_
 
 namespace impl {
 
-// Reads a stream from a text without copying it; the text must outlive the buffer.
+/// Reads a stream from a text without copying it; the text must outlive the buffer.
 class TQCORE_EXPORT StringToStreamBuf : public std::streambuf {
  public:
   StringToStreamBuf(char const* text, size_t length);

@@ -1,14 +1,26 @@
-// Values to text (to_string, to_wstring) and text to values (string_to<T>).
-//
-// A narrow string is UTF-8; a wide string holds one character per wchar_t. Text-to-value
-// functions take a last argument `RefCountPtr<ErrorInfo const>* error`: null raises on failure,
-// otherwise the record is stored there and a fallback value returned. Every failure has the code
-// "error.tqcore.string.extraction".
-//
-// Integers are read in any radix from 2 to 36 by this grammar, with nothing before or after:
-//   [+|-] [0x|0X  (radix 16 only) | 0b|0B  (radix 2 only)] digit {digit}
-// Digits above 9 are letters in either case. '-' is refused for unsigned types, whitespace
-// everywhere, and an empty text or one with no digit fails.
+/// @file
+/// Values to text (to_string, to_wstring) and text to values (string_to<T>).
+///
+/// A narrow string is UTF-8; a wide string holds one character per wchar_t. Text-to-value
+/// functions take a last argument `RefCountPtr<ErrorInfo const>* error`: null raises on failure,
+/// otherwise the record is stored there and a fallback value returned. Every failure has the code
+/// "error.tqcore.string.extraction".
+///
+/// Integers are read in any radix from 2 to 36 by this grammar, with nothing before or after:
+///   [+|-] [0x|0X  (radix 16 only) | 0b|0B  (radix 2 only)] digit {digit}
+/// Digits above 9 are letters in either case. '-' is refused for unsigned types, whitespace
+/// everywhere, and an empty text or one with no digit fails.
+///
+/// Failures: `string_to<T>` has the three shapes: "error.tqcore.string.extraction" for text that is
+/// not a T or does not fit, with the text as a parameter; `to_string` raises only std::bad_alloc.
+///
+/// @code
+/// int const port = tqcore::string_to<int>(std::string_view("8080"));  // raises on "80x0"
+/// unsigned const mask = tqcore::string_to<unsigned>("ff", 2, 16);      // any radix 2..36
+/// tqcore::ErrorInfo::Ptr error;
+/// double const ratio = tqcore::string_to<double>("1.5x", 4, &error);   // NaN, and the record
+/// std::string const text = tqcore::to_string(port);  // "8080"
+/// @endcode
 #pragma once
 
 #include <tqcore/error_info.h>
@@ -27,7 +39,7 @@
 namespace tqcore {
 
 TQCORE_EXPORT std::string to_string(bool value);
-TQCORE_EXPORT std::string to_string(char value);  // a number, not a character
+TQCORE_EXPORT std::string to_string(char value);  ///< a number, not a character
 TQCORE_EXPORT std::string to_string(short value);
 TQCORE_EXPORT std::string to_string(int value);
 TQCORE_EXPORT std::string to_string(long value);
@@ -73,7 +85,7 @@ namespace impl {
 
 TQCORE_EXPORT bool string_to_bool(char const* text, size_t size, ErrorInfo::Ptr* error);
 TQCORE_EXPORT bool string_to_bool(wchar_t const* text, size_t size, ErrorInfo::Ptr* error);
-// strtod's result exactly, in the "C" locale; texts of 128 characters or more fail.
+/// strtod's result exactly, in the "C" locale; texts of 128 characters or more fail.
 TQCORE_EXPORT double string_to_double(char const* text, size_t size, ErrorInfo::Ptr* error);
 TQCORE_EXPORT double string_to_double(wchar_t const* text, size_t size, ErrorInfo::Ptr* error);
 TQCORE_EXPORT float string_to_float(char const* text, size_t size, ErrorInfo::Ptr* error);
@@ -103,8 +115,8 @@ TQCORE_EXPORT void base_n_string_to_error_overflow(unsigned int radix, std::type
                                                    wchar_t const* text, size_t size,
                                                    ErrorInfo::Ptr* error);
 
-// The value of a numeral of any radix up to 36, or 99; a table, as mixed digits and letters
-// would mispredict range tests.
+/// The value of a numeral of any radix up to 36, or 99; a table, as mixed digits and letters
+/// would mispredict range tests.
 struct DigitValues {
   unsigned char values[256];
   constexpr DigitValues() : values() {
@@ -119,7 +131,7 @@ inline constexpr DigitValues kDigitValues{};
 
 inline unsigned int digit_value(unsigned int c) { return c < 256 ? kDigitValues.values[c] : 99; }
 
-// How many digits of each radix any value of M holds: that many need no overflow check.
+/// How many digits of each radix any value of M holds: that many need no overflow check.
 template <class M>
 struct SafeDigits {
   unsigned char count[37];
@@ -139,7 +151,7 @@ struct SafeDigits {
 template <class M>
 inline constexpr SafeDigits<M> kSafeDigits{};
 
-// Parses an integer by the grammar above; on failure reports and returns 0.
+/// Parses an integer by the grammar above; on failure reports and returns 0.
 template <class T, class Char>
 T parse_integer(Char const* text, size_t size, unsigned int radix, ErrorInfo::Ptr* error) {
   using Magnitude = std::make_unsigned_t<T>;
@@ -204,8 +216,8 @@ size_t length_of(Char const* text, size_t size) {
 
 }  // namespace impl
 
-// The value of `text` as a T: bool, float, double or any integer type (decimal; see also the
-// radix form). A size of all ones means up to the terminator.
+/// The value of `text` as a T: bool, float, double or any integer type (decimal; see also the
+/// radix form). A size of all ones means up to the terminator.
 template <class T, class Char>
 T string_to(Char const* text, size_t size, ErrorInfo::Ptr* error = nullptr) {
   size = impl::length_of(text, size);
@@ -221,7 +233,7 @@ T string_to(Char const* text, size_t size, ErrorInfo::Ptr* error = nullptr) {
   }
 }
 
-// An integer in a radix from 2 to 36.
+/// An integer in a radix from 2 to 36.
 template <class T, class Char>
 T string_to(Char const* text, size_t size, unsigned int radix, ErrorInfo::Ptr* error = nullptr) {
   static_assert(std::is_integral<T>::value && !std::is_same<T, bool>::value,

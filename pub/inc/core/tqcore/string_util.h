@@ -1,5 +1,14 @@
-// Plain-ASCII text helpers that do not depend on a locale, substring ranges, and the adapter
-// that lets slice code treat five kinds of string pointer alike.
+/// @file
+/// Plain-ASCII text helpers that do not depend on a locale, substring ranges, and the adapter
+/// that lets slice code treat five kinds of string pointer alike.
+///
+/// Failures: none but std::bad_alloc for the functions that return a new string.
+///
+/// @code
+/// std::string const a = "Content-Length", b = "content-length";
+/// bool const same = tqcore::string_equal_nocase_ascii(a.data(), a.size(), b.data(), b.size());
+/// std::string const lower = tqcore::to_lower_ascii(a.data(), a.size());  // ASCII only
+/// @endcode
 #pragma once
 
 #include <tqcore/source_string.h>
@@ -18,15 +27,15 @@ namespace tqcore {
 TQCORE_EXPORT extern std::string const g_emptyString;
 TQCORE_EXPORT extern std::wstring const g_emptyWString;
 
-// In all of these a size of all ones means that the text ends at its terminator. Only 'A'-'Z'
-// and 'a'-'z' fold; bytes from 0x80 up never change.
+/// In all of these a size of all ones means that the text ends at its terminator. Only 'A'-'Z'
+/// and 'a'-'z' fold; bytes from 0x80 up never change.
 TQCORE_EXPORT bool string_equal_nocase_ascii(char const* a, size_t a_size, char const* b,
                                              size_t b_size);
-// At the first difference, the folded byte of a minus that of b (as signed char); otherwise
-// the difference of the sizes.
+/// At the first difference, the folded byte of a minus that of b (as signed char); otherwise
+/// the difference of the sizes.
 TQCORE_EXPORT int compare_nocase_ascii(char const* a, size_t a_size, char const* b, size_t b_size);
-// h = h * 5 + c over the folded bytes (c sign-extended), in 32 bits: texts that differ only
-// in case hash alike.
+/// h = h * 5 + c over the folded bytes (c sign-extended), in 32 bits: texts that differ only
+/// in case hash alike.
 TQCORE_EXPORT size_t string_hash_lowercase_ascii(char const* text, size_t size);
 TQCORE_EXPORT size_t string_hash_uppercase_ascii(char const* text, size_t size);
 TQCORE_EXPORT std::string to_lower_ascii(char const* text, size_t size);
@@ -34,8 +43,8 @@ TQCORE_EXPORT std::string to_upper_ascii(char const* text, size_t size);
 TQCORE_EXPORT void to_lower_ascii_inplace(std::string& text);
 TQCORE_EXPORT void to_upper_ascii_inplace(std::string& text);
 
-// A substring as a position and a length; all ones is npos: as `first` a position past every
-// string, as `length` "up to the end" (unbounded). Arithmetic saturates at npos.
+/// A substring as a position and a length; all ones is npos: as `first` a position past every
+/// string, as `length` "up to the end" (unbounded). Arithmetic saturates at npos.
 class StringRange {
  public:
   static constexpr size_t npos = static_cast<size_t>(-1);
@@ -56,11 +65,11 @@ class StringRange {
   static constexpr bool is_npos(size_t value) noexcept { return value == npos; }
   constexpr bool empty() const noexcept { return m_length == 0 || m_first == npos; }
   constexpr bool unbounded() const noexcept { return m_length == npos; }
-  // The position behind the range; npos if the sum wraps.
+  /// The position behind the range; npos if the sum wraps.
   constexpr size_t last() const noexcept {
     return m_first + m_length < m_first ? npos : m_first + m_length;
   }
-  // Sets the length so that the range ends before `n`; npos makes it unbounded.
+  /// Sets the length so that the range ends before `n`; npos makes it unbounded.
   StringRange& last(size_t n) noexcept;
   void set(size_t first, size_t length) noexcept {
     m_first = first;
@@ -75,7 +84,7 @@ class StringRange {
     std::swap(m_length, other.m_length);
   }
   StringRange& shrink(size_t front, size_t back) noexcept;
-  // `first` counts from this range's start; the result stays inside this range.
+  /// `first` counts from this range's start; the result stays inside this range.
   StringRange subrange(size_t first, size_t length) const noexcept;
   StringRange subrange(StringRange const& other) const noexcept {
     return subrange(other.m_first, other.m_length);
@@ -143,14 +152,14 @@ inline StringRange StringRange::intersection(size_t first, size_t length) const 
 
 inline void swap(StringRange& a, StringRange& b) noexcept { a.swap(b); }
 
-// Lets slice code work alike on `char const*`, `wchar_t const*`, `std::string const*`,
-// `std::wstring const*` and `SourceString const*`.
+/// Lets slice code work alike on `char const*`, `wchar_t const*`, `std::string const*`,
+/// `std::wstring const*` and `SourceString const*`.
 template <class T>
 struct StringSliceTraits;
 
 namespace impl {
 
-// The members that all five kinds share, given how each finds its data and size.
+/// The members that all five kinds share, given how each finds its data and size.
 template <class T, class Char, class Derived>
 struct StringSliceTraitsBase {
   using char_type = Char;
@@ -170,8 +179,8 @@ struct StringSliceTraitsBase {
   static std::reverse_iterator<Char const*> string_rend(T p, StringRange const& range) {
     return std::reverse_iterator<Char const*>(string_begin(p, range));
   }
-  // Unformatted without a field width; with one, as a formatted string so that width, fill
-  // and adjustment apply.
+  /// Unformatted without a field width; with one, as a formatted string so that width, fill
+  /// and adjustment apply.
   static void write_stream(ostream_type& stream, T p, StringRange const& range) {
     Char const* begin = string_begin(p, range);
     std::streamsize count = string_end(p, range) - begin;

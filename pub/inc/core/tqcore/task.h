@@ -1,5 +1,18 @@
-// The exported pieces of the task model: the context a task is invoked with, with its
-// deadline, and the records of a task that ran twice, never ran, or missed its deadline.
+/// @file
+/// The exported pieces of the task model: the context a task is invoked with, with its
+/// deadline, and the records of a task that ran twice, never ran, or missed its deadline.
+///
+/// Failures: the records of a task that ran twice ("error.tqcore.task.redundantExecution"), never
+/// ran ("error.tqcore.task.notExecuted") or missed its deadline
+/// ("error.tqcore.task.timeLimitExpired").
+///
+/// @code
+/// struct ThisThread : tqcore::IThreadAffinity {
+///   bool is_current_thread() const override { return true; }
+/// } thread;
+/// tqcore::TaskInvocationContext const context(thread);
+/// bool const here = context.thread().is_current_thread();
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
@@ -9,7 +22,7 @@
 
 namespace tqcore {
 
-// The thread that carries a task, as its owner names it; this library only passes it on.
+/// The thread that carries a task, as its owner names it; this library only passes it on.
 class IThreadAffinity {
  public:
   virtual bool is_current_thread() const = 0;
@@ -30,7 +43,7 @@ class TQCORE_EXPORT TaskExecutionOptions {
     void const* task, SourceLocation const& location);
 TQCORE_EXPORT ErrorInfo::Ptr task_not_executed_error(void const* task,
                                                      SourceLocation const& location);
-// `remaining` is the span left to the deadline: negative once it has passed.
+/// `remaining` is the span left to the deadline: negative once it has passed.
 TQCORE_EXPORT ErrorInfo::Ptr task_expired_error(void const* task, RelativeTime const& remaining,
                                                 SourceLocation const& location);
 
@@ -42,14 +55,14 @@ class TQCORE_EXPORT TaskInvocationContext {
 
   IThreadAffinity& thread() const noexcept { return *m_thread; }
   impl::TaskExecutionOptions const& options() const noexcept { return m_options; }
-  // The deadline becomes now plus `span`; infinite when either is.
+  /// The deadline becomes now plus `span`; infinite when either is.
   TaskInvocationContext& cancel_after(RelativeTime const& span) noexcept {
     m_options.deadline = AbsoluteTime::now() + span;
     return *this;
   }
 
  private:
-  IThreadAffinity* m_thread;  // a pointer, so that the context stays assignable
+  IThreadAffinity* m_thread;  ///< a pointer, so that the context stays assignable
   impl::TaskExecutionOptions m_options;
 };
 

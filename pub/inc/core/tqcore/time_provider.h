@@ -1,7 +1,12 @@
-// Clocks for intervals: each provider reads a counter that never jumps and gives the time
-// since an arbitrary zero as a RelativeTime. A caller picks one at compile time.
-//
-//   tqcore::RelativeTime const start = tqcore::TimeProviderMm::now();
+/// @file
+/// Clocks for intervals: each provider reads a counter that never jumps and gives the time
+/// since an arbitrary zero as a RelativeTime. A caller picks one at compile time.
+///
+/// Failures: none; the readings never raise.
+///
+/// @code
+/// tqcore::RelativeTime const start = tqcore::TimeProviderMm::now();
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>
@@ -13,8 +18,8 @@
 
 namespace tqcore {
 
-// The kernel's coarse monotonic clock (CLOCK_MONOTONIC_COARSE): a read of shared memory, no
-// system call, the granularity of the scheduler tick.
+/// The kernel's coarse monotonic clock (CLOCK_MONOTONIC_COARSE): a read of shared memory, no
+/// system call, the granularity of the scheduler tick.
 class TQCORE_EXPORT TimeProviderMm {
  public:
   static RelativeTime now() noexcept {
@@ -31,7 +36,7 @@ class TQCORE_EXPORT TimeProviderMm {
   }
 };
 
-// The kernel's fine monotonic clock (CLOCK_MONOTONIC), counted at one billion ticks a second.
+/// The kernel's fine monotonic clock (CLOCK_MONOTONIC), counted at one billion ticks a second.
 class TQCORE_EXPORT TimeProviderQpc {
  public:
   TimeProviderQpc() noexcept = default;
@@ -46,9 +51,9 @@ class TQCORE_EXPORT TimeProviderQpc {
   double m_ticksPerSecond = 1e9;
 };
 
-// The processor's timestamp counter, one instruction and one multiplication a reading. It
-// assumes one rate on every processor (an invariant counter). The constructor surveys the
-// machine (hardware::Cpu) for the counter's frequency, which may take a second.
+/// The processor's timestamp counter, one instruction and one multiplication a reading. It
+/// assumes one rate on every processor (an invariant counter). The constructor surveys the
+/// machine (hardware::Cpu) for the counter's frequency, which may take a second.
 class TQCORE_EXPORT TimeProviderTsc {
  public:
   TimeProviderTsc();
@@ -62,8 +67,8 @@ class TQCORE_EXPORT TimeProviderTsc {
   double m_nanosecondsPerTick;
 };
 
-// A gettimeofday for ACE's timers that reads like the wall clock at library load and then
-// moves with the coarse monotonic clock, immune to changes of the system's time.
+/// A gettimeofday for ACE's timers that reads like the wall clock at library load and then
+/// moves with the coarse monotonic clock, immune to changes of the system's time.
 TQCORE_EXPORT ACE_Time_Value monotonic_synthetic_ace_gettimeofday();
 
 }  // namespace tqcore

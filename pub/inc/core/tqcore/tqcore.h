@@ -1,4 +1,17 @@
-// The whole of tqcore's public interface.
+/// @file
+/// The whole of tqcore's public interface.
+///
+/// Failures: every fallible function has one of the three shapes described with ErrorInfo; each
+/// header says which codes its functions raise.
+///
+/// @code
+/// try {
+///   tqcore::Uuid const id = tqcore::Uuid::create_sequential();
+///   std::cout << id.as_string() << ' ' << tqcore::AbsoluteTime::now().as_string() << '\n';
+/// } catch (tqcore::ErrorException const& e) {
+///   std::cerr << e.what();
+/// }
+/// @endcode
 #pragma once
 
 #include <tqcore/abs_rel_time.h>

@@ -1,11 +1,21 @@
-// Base-64, base-32 and hexadecimal codecs: templates over iterators, and functions on buffers.
-//
-// Encoders write the standard alphabets of RFC 4648 (hexadecimal in lower case), with padding
-// unless asked not to. Decoders accept the standard and the URL-safe base-64 alphabet, even
-// mixed, upper- and lower-case base-32 and hexadecimal, with or without padding; padding, when
-// present, must complete the last group. Failures raise ErrorException with
-// "error.tqcore.transforms.<codec>.invalid" (a character outside the alphabet), ".truncated"
-// (the text ends inside a group) or ".padding" (a character after padding).
+/// @file
+/// Base-64, base-32 and hexadecimal codecs: templates over iterators, and functions on buffers.
+///
+/// Encoders write the standard alphabets of RFC 4648 (hexadecimal in lower case), with padding
+/// unless asked not to. Decoders accept the standard and the URL-safe base-64 alphabet, even
+/// mixed, upper- and lower-case base-32 and hexadecimal, with or without padding; padding, when
+/// present, must complete the last group. Failures raise ErrorException with
+/// "error.tqcore.transforms.<codec>.invalid" (a character outside the alphabet), ".truncated"
+/// (the text ends inside a group) or ".padding" (a character after padding).
+///
+/// Failures: decoding raises "error.tqcore.transforms.base64.invalid", ".truncated" or ".padding"
+/// (and the same under base32 and hex, which has no padding); encoding raises only std::bad_alloc.
+///
+/// @code
+/// std::string const bytes = "foobar";
+/// std::string const text = tqcore::base64_encode(bytes.data(), bytes.size());  // Zm9vYmFy
+/// std::vector<uint8_t> const back = tqcore::base64_decode(text);  // raises on bad input
+/// @endcode
 #pragma once
 
 #include <tqcore/tqcore_export.h>
@@ -27,18 +37,18 @@ namespace impl {
 class TQCORE_EXPORT TransformHelperBase64 {
  public:
   static char const sm_fromBinaryTable[];
-  // A seven-bit character's six-bit value, 128 for '=', 255 for anything else.
+  /// A seven-bit character's six-bit value, 128 for '=', 255 for anything else.
   static unsigned char const sm_toBinaryTable[128];
   [[noreturn]] static void raise_invalid_character_error();
   [[noreturn]] static void raise_truncated_sequence_error();
-  // Returns for '=', raises the padding error for anything else.
+  /// Returns for '=', raises the padding error for anything else.
   static void check_padding_char(int c);
 };
 
 class TQCORE_EXPORT TransformHelperBase32 {
  public:
   static char const sm_fromBinaryTable[];
-  // '=' characters that complete the last group, by the bits left after the last full group.
+  /// '=' characters that complete the last group, by the bits left after the last full group.
   static int const sm_padcountTable[5];
   [[noreturn]] static void raise_invalid_character_error();
   [[noreturn]] static void raise_truncated_sequence_error();
@@ -47,16 +57,16 @@ class TQCORE_EXPORT TransformHelperBase32 {
 
 class TQCORE_EXPORT TransformHelperHex {
  public:
-  // The library's one table of hexadecimal digits.
+  /// The library's one table of hexadecimal digits.
   static constexpr char sm_fromBinaryTable[17] = "0123456789abcdef";
   [[noreturn]] static void raise_invalid_character_error();
   [[noreturn]] static void raise_truncated_sequence_error();
-  // '0'-'9', 'a'-'f', 'A'-'F' to their value; anything else raises.
+  /// '0'-'9', 'a'-'f', 'A'-'F' to their value; anything else raises.
   static unsigned char nibble_from_charval(int c);
 };
 
-// Base-32 characters to five-bit values, in either case; 255 for anything else. A table, as
-// random text would mispredict a chain of range tests.
+/// Base-32 characters to five-bit values, in either case; 255 for anything else. A table, as
+/// random text would mispredict a chain of range tests.
 struct Base32Values {
   unsigned char values[256];
   constexpr Base32Values() : values() {

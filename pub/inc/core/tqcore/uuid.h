@@ -1,7 +1,17 @@
-// Uuid: a 128-bit identifier, a plain 16-byte value in the byte order of the Windows GUID.
-// Besides random identifiers (version 4) it makes sequential ones (version 13: a big-endian
-// timestamp, so byte order is creation order within a process) and legacy interaction ids
-// (version 12: a decimal number of up to ten digits kept as binary-coded decimal).
+/// @file
+/// Uuid: a 128-bit identifier, a plain 16-byte value in the byte order of the Windows GUID.
+/// Besides random identifiers (version 4) it makes sequential ones (version 13: a big-endian
+/// timestamp, so byte order is creation order within a process) and legacy interaction ids
+/// (version 12: a decimal number of up to ten digits kept as binary-coded decimal).
+///
+/// Failures: `from_string` raises "error.tqcore.uuid.parse"; `from_string_nothrow` returns false
+/// and leaves its output alone. Making identifiers never raises.
+///
+/// @code
+/// tqcore::Uuid const id = tqcore::Uuid::create_sequential();  // sorts by creation time
+/// std::string const text = id.as_string();
+/// tqcore::Uuid const back = tqcore::Uuid::from_string(text.c_str());  // raises on bad text
+/// @endcode
 #pragma once
 
 #include <tqcore/tqcore_export.h>
@@ -16,7 +26,7 @@
 namespace tqcore {
 
 namespace win32 {
-// The Windows GUID: the same 16 bytes as a Uuid.
+/// The Windows GUID: the same 16 bytes as a Uuid.
 struct Guid {
   uint32_t data1;
   uint16_t data2;
@@ -27,10 +37,10 @@ struct Guid {
 
 class TQCORE_EXPORT Uuid {
  public:
-  // The high nibble of byte 7. Other values are kept as found.
+  /// The high nibble of byte 7. Other values are kept as found.
   enum EVersion : unsigned char { Random = 4, LegacyInteractionId = 12, Sequential = 13 };
   enum EFormat { Hyphenated = 0, Compact = 1, Braced = 2 };
-  // Room for the longest text form and its terminating zero.
+  /// Room for the longest text form and its terminating zero.
   static constexpr size_t kMaxTextSize = 39;
 
   class BinaryData {
@@ -47,7 +57,7 @@ class TQCORE_EXPORT Uuid {
     unsigned char bytes[6] = {};
   };
 
-  // Writes a Uuid in a chosen form; keeps a pointer, so the Uuid must outlive it.
+  /// Writes a Uuid in a chosen form; keeps a pointer, so the Uuid must outlive it.
   class Trace {
    public:
     Trace(Uuid const& uuid, EFormat format) noexcept : m_uuid(&uuid), m_format(format) {}
@@ -59,7 +69,7 @@ class TQCORE_EXPORT Uuid {
     EFormat m_format;
   };
 
-  // The order of the text: field by field as numbers, unlike operator<.
+  /// The order of the text: field by field as numbers, unlike operator<.
   struct TQCORE_EXPORT StringLess {
     bool operator()(Uuid const& a, Uuid const& b) const noexcept;
   };
@@ -67,13 +77,13 @@ class TQCORE_EXPORT Uuid {
   constexpr Uuid() noexcept : m_bytes{} {}
   explicit Uuid(BinaryData const& data) noexcept { std::memcpy(m_bytes, data.data(), 16); }
   explicit Uuid(win32::Guid const& guid) noexcept { std::memcpy(m_bytes, &guid, 16); }
-  // Copies, then sets the version nibble and the variant bits 1 and 0.
+  /// Copies, then sets the version nibble and the variant bits 1 and 0.
   Uuid(BinaryData const& data, EVersion version) noexcept;
-  // Bytes 0-7: the version over the low 60 bits of `timestamp`; the 14-bit sequence with the
-  // variant; the node.
+  /// Bytes 0-7: the version over the low 60 bits of `timestamp`; the 14-bit sequence with the
+  /// variant; the node.
   Uuid(EVersion version, unsigned short sequence, NodeAddress const& node,
        uint64_t timestamp) noexcept;
-  // The same with eight flag bits in place of the timestamp's bits 52 to 59.
+  /// The same with eight flag bits in place of the timestamp's bits 52 to 59.
   Uuid(EVersion version, unsigned short sequence, NodeAddress const& node, uint64_t timestamp,
        unsigned char custom_flags) noexcept;
 
@@ -85,21 +95,21 @@ class TQCORE_EXPORT Uuid {
   }
 
   static Uuid create_random();
-  // Random, with the flags in the high nibble of byte 6 and the low nibble of byte 7.
+  /// Random, with the flags in the high nibble of byte 6 and the low nibble of byte 7.
   static Uuid create_random(unsigned char custom_flags);
-  // Strictly increasing by operator< within a process, unless the clock goes back.
+  /// Strictly increasing by operator< within a process, unless the clock goes back.
   static Uuid create_sequential();
   static Uuid create_legacy_interaction_id(unsigned int id, unsigned char flags = 0);
   static Uuid create_unresolved_legacy_interaction_id(unsigned int id, unsigned char flags = 0);
 
-  // The three forms (32, 36 or 38 characters, chosen by the size), any case of digits, no
-  // white space. Raises "error.tqcore.uuid.parse" with EINVAL as the cause.
+  /// The three forms (32, 36 or 38 characters, chosen by the size), any case of digits, no
+  /// white space. Raises "error.tqcore.uuid.parse" with EINVAL as the cause.
   static Uuid from_string(char const* text);
   static Uuid from_string(char const* text, size_t size);
-  // False for a bad text, leaving `out` alone; a null `out` only checks.
+  /// False for a bad text, leaving `out` alone; a null `out` only checks.
   static bool from_string_nothrow(char const* text, Uuid* out) noexcept;
   static bool from_string_nothrow(char const* text, size_t size, Uuid* out) noexcept;
-  // Copies 16 bytes unless `source` is null; returns 16 either way.
+  /// Copies 16 bytes unless `source` is null; returns 16 either way.
   static size_t read_binary(unsigned char const* source, Uuid& out) noexcept {
     if (source != nullptr) std::memcpy(out.m_bytes, source, 16);
     return 16;
@@ -112,7 +122,7 @@ class TQCORE_EXPORT Uuid {
   unsigned char custom_flags() const noexcept {
     return static_cast<unsigned char>((m_bytes[7] & 0x0F) << 4 | m_bytes[6] >> 4);
   }
-  // The 60-bit timestamp; for a sequential Uuid, the clock with its low byte read as 0xD0.
+  /// The 60-bit timestamp; for a sequential Uuid, the clock with its low byte read as 0xD0.
   uint64_t timestamp() const noexcept;
   unsigned short sequence() const noexcept {
     return static_cast<unsigned short>((m_bytes[8] << 8 | m_bytes[9]) & 0x3FFF);
@@ -131,13 +141,13 @@ class TQCORE_EXPORT Uuid {
     return static_cast<size_t>((x >> 32) ^ x);
   }
 
-  // An unknown format gives the empty string.
+  /// An unknown format gives the empty string.
   std::string as_string(EFormat format = Hyphenated) const;
-  // Writes the text and a terminating zero into `buffer` (kMaxTextSize bytes are always
-  // enough) and returns its length; 0 and an empty text for an unknown format. No allocation.
+  /// Writes the text and a terminating zero into `buffer` (kMaxTextSize bytes are always
+  /// enough) and returns its length; 0 and an empty text for an unknown format. No allocation.
   size_t as_string(EFormat format, char* buffer) const noexcept;
 
-  // 0 unless version 12: the decimal number kept in bytes 11 to 15, computed in 32 bits.
+  /// 0 unless version 12: the decimal number kept in bytes 11 to 15, computed in 32 bits.
   unsigned int legacy_interaction_id() const noexcept;
   unsigned char legacy_interaction_id_flags() const noexcept {
     return version() == LegacyInteractionId ? m_bytes[10] : 0;
@@ -148,7 +158,7 @@ class TQCORE_EXPORT Uuid {
     return a.low_word() == b.low_word() && a.high_word() == b.high_word();
   }
   friend bool operator!=(Uuid const& a, Uuid const& b) noexcept { return !(a == b); }
-  // Byte order, not text order: sequential identifiers sort by age.
+  /// Byte order, not text order: sequential identifiers sort by age.
   friend bool operator<(Uuid const& a, Uuid const& b) noexcept {
     return std::memcmp(a.m_bytes, b.m_bytes, 16) < 0;
   }
