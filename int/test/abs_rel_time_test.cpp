@@ -1,5 +1,6 @@
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/error_exception.h>
+#include <tqcore/testing/matchers.h>
 
 #include <gtest/gtest.h>
 
@@ -131,8 +132,9 @@ TEST_P(UtcParser, ParsesOrRefusesWithItsMessage) {
   AbsoluteTime out = AbsoluteTime::from_nsec(42);
   ErrorInfo::Ptr error = AbsoluteTime::from_string_nothrow(c.text, std::strlen(c.text), &out);
   if (error) {
-    EXPECT_TRUE(error->matches("error.tqcore.absoluteTime.invalidUtcString"));
-    EXPECT_EQ(error->expanded_message().as_string(), c.expected) << c.text;
+    EXPECT_THAT(error, ::testing::AllOf(
+                           tqcore::testing::HasCode("error.tqcore.absoluteTime.invalidUtcString"),
+                           tqcore::testing::HasMessage(c.expected)));
     EXPECT_EQ(out.as_nsec(), 42);  // nothing written on failure
   } else {
     EXPECT_EQ(out.as_string(), c.expected) << c.text;
@@ -180,8 +182,7 @@ TEST(UtcText, WritersAndRoundTrips) {
     ASSERT_EQ(AbsoluteTime::from_string(t.as_iso8601_string()), t) << t.as_iso8601_string();
   }
   ErrorInfo::Ptr cause = AbsoluteTime::from_string_nothrow("1600-01-01T00:00:00Z", nullptr);
-  ASSERT_TRUE(cause && cause->nested());
-  EXPECT_TRUE(cause->nested()->matches("error.tqcore.absoluteTime.range"));
+  EXPECT_THAT(cause, tqcore::testing::AnyMatches("error.tqcore.absoluteTime.range"));
   EXPECT_FALSE(AbsoluteTime::from_string_nothrow("2000-01-01 00:00:00", nullptr));
   EXPECT_THROW(AbsoluteTime::from_string("garbage"), ErrorException);
 }

@@ -1,5 +1,6 @@
 #include <tqcore/error_builder.h>
 #include <tqcore/error_exception.h>
+#include <tqcore/testing/matchers.h>
 
 #include <gtest/gtest.h>
 #include <boost/lexical_cast.hpp>
@@ -184,15 +185,17 @@ TEST(NestingThrows, KeepTheCallersCodeOutside) {
   using tqcore_test::raised_by;
   ErrorInfo::Ptr e =
       raised_by([] { throw_with_nested_errno(error::tqcore_hardware, "o", kHere, EACCES); });
-  EXPECT_TRUE(e && e->matches(error::tqcore_hardware) && e->any_matches("error.errno"));
+  using tqcore::testing::AnyMatches;
+  using tqcore::testing::HasCode;
+  EXPECT_THAT(e, ::testing::AllOf(HasCode("error.tqcore.hardware"), AnyMatches("error.errno")));
   e = raised_by([] { throw_errno(kHere, EACCES); });
-  EXPECT_TRUE(e && e->matches("error.errno.EACCES"));
+  EXPECT_THAT(e, HasCode("error.errno.EACCES"));
   e = raised_by(
       [] { throw_with_nested_exception(error::tqcore, "outer", kHere, std::overflow_error("o")); });
-  EXPECT_TRUE(e && e->any_matches(error::exception_runtimeError_overflowError));
+  EXPECT_THAT(e, AnyMatches("error.exception.runtime_error.overflow_error"));
   e = raised_by([] { throw_winerror(kHere, 10054, true); });
-  EXPECT_TRUE(e && e->matches("error.errno.ECONNRESET") &&
-              e->any_matches("error.os.windows.10054"));
+  EXPECT_THAT(
+      e, ::testing::AllOf(HasCode("error.errno.ECONNRESET"), AnyMatches("error.os.windows.10054")));
 }
 
 }  // namespace

@@ -28,10 +28,13 @@
 #include <ace/Time_Value.h>
 
 #include <sys/time.h>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <iosfwd>
 #include <string>
+#include <type_traits>
 
 namespace tqcore {
 
@@ -255,6 +258,39 @@ struct TimeOrdering {
   }
 };
 
+/// Nanoseconds of a std::chrono duration, saturating: beyond the largest count it is the
+/// infinite value, below the smallest the smallest. Integer counts convert exactly (truncated
+/// toward zero below a nanosecond); a floating count is truncated, and NaN gives the smallest
+/// value, as the double constructors do.
+template <class Rep, class Period>
+constexpr long long chrono_nanoseconds(std::chrono::duration<Rep, Period> const& span) noexcept {
+  constexpr long long kMax = INT64_MAX;
+  constexpr long long kMin = INT64_MIN;
+  if constexpr (std::is_floating_point<Rep>::value) {
+    long double const count = std::chrono::duration<long double, std::nano>(span).count();
+    if (!(count == count)) return kMin;
+    if (count >= 9223372036854775807.0L) return kMax;
+    if (count <= -9223372036854775808.0L) return kMin;
+    return static_cast<long long>(count);
+  } else {
+    using Scale = std::ratio_divide<Period, std::nano>;
+    __extension__ using Wide = __int128;
+    Wide const count = static_cast<Wide>(span.count());
+    // |count| < 2^64 and the numerator of any practical ratio fits 2^62: no 128-bit overflow.
+    Wide const nanoseconds = count * static_cast<Wide>(Scale::num) / static_cast<Wide>(Scale::den);
+    if (nanoseconds >= static_cast<Wide>(kMax)) return kMax;
+    if (nanoseconds <= static_cast<Wide>(kMin)) return kMin;
+    return static_cast<long long>(nanoseconds);
+  }
+}
+
+/// Seconds from any integer type, so that `RelativeTime(5)` is not ambiguous between the
+/// `long long` and `double` constructors.
+template <class Int>
+using if_other_integer =
+    std::enable_if_t<std::is_integral<Int>::value && !std::is_same<Int, long long>::value &&
+                     !std::is_same<Int, bool>::value>;
+
 }  // namespace impl
 
 class AbsoluteTime;
@@ -270,6 +306,15 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
 
   constexpr RelativeTime() noexcept = default;
   explicit RelativeTime(long long seconds) noexcept { set(seconds); }
+  template <class Int, class = impl::if_other_integer<Int>>
+  explicit RelativeTime(Int seconds) noexcept {
+    set(static_cast<long long>(seconds));
+  }
+  /// Any std::chrono duration, in nanoseconds: saturating at the infinite and the smallest
+  /// value, never wrapping (see impl::chrono_nanoseconds).
+  template <class Rep, class Period>
+  constexpr explicit RelativeTime(std::chrono::duration<Rep, Period> const& span) noexcept
+      : RelativeTime(impl::chrono_nanoseconds(span), TimeValueInit_t{}) {}
   explicit RelativeTime(double seconds) noexcept { set(seconds); }
   RelativeTime(int32_t seconds, int32_t microseconds) noexcept { set(seconds, microseconds); }
   explicit RelativeTime(timeval const& tv) noexcept { set(tv); }
@@ -334,6 +379,11 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
 
   /// "1d 2h 3m 4.5s", "250.0ms", "100ns"; infinite is "##INFINITE##".
   std::string as_string() const;
+  /// The span in nanoseconds; the infinite span is nanoseconds::max(), and every other value
+  /// is exact.
+  constexpr std::chrono::nanoseconds as_duration() const noexcept {
+    return std::chrono::nanoseconds(m_value);
+  }
   /// "P1DT2H3M4.5S"; zero is "PT0S", infinite "P999999DT23H59M59.999999999S".
   std::string as_iso8601_string() const;
   /// Either form, or "INF" / "##INFINITE##"; saturates instead of wrapping. `out` must not be
@@ -369,6 +419,16 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
 
   constexpr AbsoluteTime() noexcept = default;
   explicit AbsoluteTime(long long seconds) noexcept { set(seconds); }
+  template <class Int, class = impl::if_other_integer<Int>>
+  explicit AbsoluteTime(Int seconds) noexcept {
+    set(static_cast<long long>(seconds));
+  }
+  /// A point of the system clock (both count from 1970 UTC), saturating like RelativeTime's
+  /// duration constructor: time_point::max() and beyond read as infinite.
+  template <class Duration>
+  constexpr explicit AbsoluteTime(
+      std::chrono::time_point<std::chrono::system_clock, Duration> const& point) noexcept
+      : TimeBase(impl::chrono_nanoseconds(point.time_since_epoch())) {}
   explicit AbsoluteTime(double seconds) noexcept { set(seconds); }
   AbsoluteTime(int32_t seconds, int32_t microseconds) noexcept { set(seconds, microseconds); }
   explicit AbsoluteTime(timeval const& tv) noexcept { set(tv); }
@@ -410,6 +470,13 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
   /// "2000-01-02 03:04:05.5" and "2000-01-02T03:04:05.5Z"; infinite is "##INFINITE##" and
   /// "9999-12-31T23:59:59.999999999Z".
   std::string as_string() const;
+  /// The system clock's point; the infinite time is time_point::max(). Exact where the clock
+  /// counts nanoseconds, else truncated to its unit.
+  std::chrono::system_clock::time_point as_time_point() const noexcept {
+    using Point = std::chrono::system_clock::time_point;
+    if (is_infinite()) return Point::max();
+    return Point(std::chrono::duration_cast<Point::duration>(std::chrono::nanoseconds(m_value)));
+  }
   std::string as_iso8601_string() const;
   /// A profile of ISO 8601, always UTC: date ('YYYY-MM-DD' or 'YYYYMMDD'), ' ' or 'T', then
   /// hours [[':']minutes[[':']seconds]], a fraction of the last field, an optional 'Z'; or "INF"
@@ -589,3 +656,14 @@ class TQCORE_EXPORT MonotonicTimeBase {
 };
 
 }  // namespace tqcore
+
+namespace std {
+template <>
+struct hash<tqcore::RelativeTime> {
+  size_t operator()(tqcore::RelativeTime const& time) const noexcept { return time.hash(); }
+};
+template <>
+struct hash<tqcore::AbsoluteTime> {
+  size_t operator()(tqcore::AbsoluteTime const& time) const noexcept { return time.hash(); }
+};
+}  // namespace std

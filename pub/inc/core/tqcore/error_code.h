@@ -18,7 +18,9 @@
 
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <iosfwd>
+#include <string_view>
 #include <type_traits>
 
 namespace tqcore {
@@ -275,3 +277,13 @@ extern TQCORE_EXPORT ErrorCode const os_windows;
 
 }  // namespace error
 }  // namespace tqcore
+
+namespace std {
+/// By the code's text, as equality compares it.
+template <>
+struct hash<tqcore::ErrorCode> {
+  size_t operator()(tqcore::ErrorCode const& code) const noexcept {
+    return hash<string_view>()(string_view(code.value().data(), code.value().size()));
+  }
+};
+}  // namespace std

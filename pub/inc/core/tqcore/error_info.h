@@ -32,6 +32,7 @@
 #include <cstdint>
 #include <exception>
 #include <iosfwd>
+#include <string>
 
 namespace tqcore {
 
@@ -47,8 +48,9 @@ class TQCORE_EXPORT ErrorInfo : public RefCounted<AtomicRefCount> {
     unsigned int depth;
   };
 
-  /// The `char const*` message forms take the text as an unmeasured reference: literals only.
-  /// A computed message goes through the SourceString forms.
+  /// Keeps a pointer to `message` without copying it: pass literals only. The text is read
+  /// when the message is expanded, so it must outlive every copy of the record; a computed
+  /// message goes through the std::string forms below, which copy it.
   static Ptr create(ErrorCode const& code, char const* message, SourceLocation const& location);
   static Ptr create(ErrorCode const& code, char const* message, SourceLocation const& location,
                     Ptr nested);
@@ -56,6 +58,26 @@ class TQCORE_EXPORT ErrorInfo : public RefCounted<AtomicRefCount> {
                     SourceLocation const& location);
   static Ptr create(ErrorCode const& code, char const* message, ErrorParams params,
                     SourceLocation const& location, Ptr nested);
+  /// Copy `message`: safe for a computed text, at the cost of one allocation.
+  static Ptr create(ErrorCode const& code, std::string const& message,
+                    SourceLocation const& location) {
+    return create(code, SourceString::create_copy(message.c_str(), message.size()), location);
+  }
+  static Ptr create(ErrorCode const& code, std::string const& message,
+                    SourceLocation const& location, Ptr nested) {
+    return create(code, SourceString::create_copy(message.c_str(), message.size()), location,
+                  std::move(nested));
+  }
+  static Ptr create(ErrorCode const& code, std::string const& message, ErrorParams params,
+                    SourceLocation const& location) {
+    return create(code, SourceString::create_copy(message.c_str(), message.size()),
+                  std::move(params), location);
+  }
+  static Ptr create(ErrorCode const& code, std::string const& message, ErrorParams params,
+                    SourceLocation const& location, Ptr nested) {
+    return create(code, SourceString::create_copy(message.c_str(), message.size()),
+                  std::move(params), location, std::move(nested));
+  }
   static Ptr create(ErrorCode const& code, SourceString message, SourceLocation const& location);
   static Ptr create(ErrorCode const& code, SourceString message, SourceLocation const& location,
                     Ptr nested);

@@ -143,6 +143,13 @@ class FutureImpl : public FutureImplBase {
   /// Blocks until set; raises the stored error, the same record on every call.
   /// Returns a reference to the stored value, valid while any handle lives; a move-only T is
   /// read in place.
+  /// Moves the value out once it is ready; raises the stored error. What stays behind is the
+  /// moved-from value, so only the one reader that owns the outcome should take it.
+  T take() {
+    wait();
+    if (m_error) raise_stored_error();
+    return std::move(*m_value);
+  }
   T const& get() const {
     wait();
     // Once ready, the error and the value never change, and the flag's acquire load made them
@@ -195,6 +202,12 @@ class Future {
     return m_impl->set(std::forward<Value>(value)...);
   }
   decltype(auto) get() const { return m_impl->get(); }
+  /// Waits, then moves the value out (a move-only value included) or raises the error. The
+  /// future keeps a moved-from value: take once, from the one holder that owns the outcome.
+  template <class U = T, class = std::enable_if_t<!std::is_void<U>::value>>
+  U take() const {
+    return m_impl->take();
+  }
 
   bool add_observer(IFutureObserver<T>* observer,
                     RefCountPtr<RefCounted<AtomicRefCount>> owner) const {

@@ -23,6 +23,7 @@ TQCORE_EXPORT uint64_t murmur_hash(void const* data, size_t size);
 inline uint64_t murmur_hash(char const* data, size_t size) {
   return murmur_hash(static_cast<void const*>(data), size);
 }
+inline uint64_t murmur_hash(std::string_view text) { return murmur_hash(text.data(), text.size()); }
 /// `size` counts characters. The text is hashed in its UTF-16 form, as on every platform of the
 /// family; a value above U+10FFFF hashes as U+FFFD, and a lone surrogate as its own unit.
 TQCORE_EXPORT uint64_t murmur_hash(wchar_t const* data, size_t size);

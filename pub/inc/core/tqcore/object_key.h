@@ -28,6 +28,7 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 namespace tqcore {
 
@@ -158,6 +159,8 @@ class TQCORE_EXPORT StringKey : public ObjectKeyBase<impl::StringKeyToken> {
   StringKey() noexcept : ObjectKeyBase(impl::StringKeyToken::default_token()) {}
   explicit StringKey(char const* text);
   StringKey(char const* text, size_t size) : ObjectKeyBase(token_from_string(text, size)) {}
+  /// Any text, embedded NULs included: `StringKey(name)` for a std::string or a view.
+  explicit StringKey(std::string_view text) : StringKey(text.data(), text.size()) {}
   static StringKey from_string(char const* text) { return StringKey(text); }
   static StringKey from_string(char const* text, size_t size) { return StringKey(text, size); }
 

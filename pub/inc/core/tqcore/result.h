@@ -56,6 +56,8 @@ class ResultImpl : public ResultImplBase {
  public:
   using Got = std::add_lvalue_reference_t<T const>;  ///< void stays void
   virtual Got get() const = 0;
+  /// Moves the value out; raises the error.
+  virtual T take() const = 0;
 };
 
 /// Immediate results: no event and no lock.
@@ -78,11 +80,15 @@ class ValueResultImpl final : public ResultImpl<T> {
   Got get() const override {
     if constexpr (!std::is_void_v<T>) return m_value;
   }
+  T take() const override {
+    if constexpr (!std::is_void_v<T>) return std::move(m_value);
+  }
 
  private:
   template <class... Value>
   explicit ValueResultImpl(Value&&... value) : m_value(std::forward<Value>(value)...) {}
-  std::conditional_t<std::is_void_v<T>, Nothing, T> m_value;
+  // Mutable for take(): a result is shared as const, and taking is its one change.
+  mutable std::conditional_t<std::is_void_v<T>, Nothing, T> m_value;
 };
 
 template <class T>
@@ -101,6 +107,7 @@ class ErrorResultImpl final : public ResultImpl<T> {
   bool wait(RelativeTime const&) const override { return true; }
   ErrorInfo::Ptr error_info() const override { return m_error; }
   Got get() const override { raise_result_error(m_error); }
+  T take() const override { raise_result_error(m_error); }
 
  private:
   explicit ErrorResultImpl(ErrorInfo::Ptr error) : m_error(std::move(error)) {}
@@ -125,6 +132,13 @@ class FutureResultImpl final : public ResultImpl<T> {
   bool wait(RelativeTime const& timeout) const override { return m_future.wait(timeout); }
   ErrorInfo::Ptr error_info() const override { return m_future.error_info(); }
   Got get() const override { return m_future.get(); }
+  T take() const override {
+    if constexpr (std::is_void_v<T>) {
+      m_future.get();
+    } else {
+      return m_future.take();
+    }
+  }
 
  private:
   explicit FutureResultImpl(Future<T> future) : m_future(std::move(future)) {}
@@ -144,6 +158,10 @@ class TQCORE_EXPORT ResultBase {
   /// An Empty result raises "error.tqcore.result.notWaitable".
   void wait() const { impl()->wait(RelativeTime::infinite); }
   bool wait(RelativeTime const& timeout) const { return impl()->wait(timeout); }
+  /// False when the deadline passed first; the infinite deadline waits for ever.
+  bool wait(AbsoluteTime const& deadline) const {
+    return impl()->wait(deadline.is_infinite() ? RelativeTime::infinite : deadline.remaining());
+  }
   /// A null reason is allowed; Empty, Value and Error results ignore it.
   void cancel(bool force, ErrorInfo::Ptr const& reason) const {
     if (m_impl) m_impl->cancel(force, reason);
@@ -189,6 +207,23 @@ class Result : public ResultBase {
   /// Blocks until complete; returns the value or raises the error. Empty raises not-waitable.
   typename impl::ResultImpl<T>::Got get() const {
     return static_cast<impl::ResultImpl<T> const*>(impl())->get();
+  }
+  /// Waits, then moves the value out (a move-only value included) or raises the error. Every
+  /// copy of this result shares the value: take once, from the one holder that owns it.
+  T take() const { return static_cast<impl::ResultImpl<T> const*>(impl())->take(); }
+
+  /// A result complete with `value` (constructed in place from the arguments).
+  template <class... Value>
+  static Result from_value(Value&&... value) {
+    return Result(impl::ValueResultImpl<T>::create(std::forward<Value>(value)...));
+  }
+  /// A result failed with `error`; a null `error` raises "error.tqcore.result.badParameter".
+  static Result from_error(ErrorInfo::Ptr const& error) {
+    return Result(impl::ErrorResultImpl<T>::create(error));
+  }
+  /// A result that completes when `future` is set; cancelling it fails the future.
+  static Result from_future(Future<T> const& future) {
+    return Result(impl::FutureResultImpl<T>::create(future));
   }
 
  private:

@@ -335,3 +335,8 @@ inline void swap(SourceLocation& a, SourceLocation& b) noexcept { a.swap(b); }
 // identifier literal; costs no allocation and reads no character.
 #define TQCORE_SOURCE_LOCATION(function, file_id) \
   ::tqcore::SourceLocation((function), (file_id), __LINE__)
+
+// The SourceLocation of the line where it stands: the enclosing function's name (`__func__`,
+// unqualified), the source file's name as the compiler gives it, and the line. For raising
+// sites in users' code; no allocation, and the texts live as long as the program.
+#define TQCORE_HERE ::tqcore::SourceLocation(__func__, __FILE__, __LINE__)

@@ -40,6 +40,12 @@ class ThreadMutex {
   int tryacquire() noexcept { return m_mutex.tryacquire(); }
   int release() noexcept { return m_mutex.release(); }
 
+  /// The standard Lockable names, so that std::lock_guard, std::unique_lock and std::scoped_lock
+  /// work over it.
+  void lock() noexcept { acquire(); }
+  bool try_lock() noexcept { return tryacquire() == 0; }
+  void unlock() noexcept { release(); }
+
  private:
   friend class ThreadCondition;
   ACE_Thread_Mutex m_mutex;
@@ -56,6 +62,9 @@ class NullMutex {
   int acquire() noexcept { return 0; }
   int tryacquire() noexcept { return 0; }
   int release() noexcept { return 0; }
+  void lock() noexcept {}
+  bool try_lock() noexcept { return true; }
+  void unlock() noexcept {}
 };
 
 /// A condition over a ThreadMutex it does not own; the mutex must outlive it. Every wait hands

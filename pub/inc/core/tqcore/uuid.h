@@ -22,6 +22,7 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 namespace tqcore {
 
@@ -106,6 +107,7 @@ class TQCORE_EXPORT Uuid {
   /// white space. Raises "error.tqcore.uuid.parse" with EINVAL as the cause.
   static Uuid from_string(char const* text);
   static Uuid from_string(char const* text, size_t size);
+  static Uuid from_string(std::string_view text) { return from_string(text.data(), text.size()); }
   /// False for a bad text, leaving `out` alone; a null `out` only checks.
   static bool from_string_nothrow(char const* text, Uuid* out) noexcept;
   static bool from_string_nothrow(char const* text, size_t size, Uuid* out) noexcept;
