@@ -52,7 +52,8 @@ lacks libtqcore0 '^/usr/include/|\.so$'
 expect_field libtqcore-dev Section libdevel
 expect_field libtqcore-dev Depends "libtqcore0 (= $version)" libace-dev libboost-dev
 has libtqcore-dev /usr/include/tqcore/tqcore.h /usr/include/tqcore/tqcore_export.h \
-  /usr/include/tqcore/version.h /usr/include/tqmoduleregistry/module_registry.h \
+  /usr/include/tqcore/version.h /usr/include/tqcore/testing/matchers.h \
+  /usr/include/tqmoduleregistry/module_registry.h \
   $lib/libtqcore.so $lib/libtqmoduleregistry.so $lib/pkgconfig/tqcore.pc \
   $lib/cmake/tqcore/tqcoreConfig.cmake $lib/cmake/tqcore/tqcoreTargets.cmake
 lacks libtqcore-dev '\.so\.[0-9]'

@@ -85,6 +85,12 @@ TEST(ChronoInterop, IntegerSecondsAreNotAmbiguous) {
   EXPECT_EQ(RelativeTime(5u).as_nsec(), 5'000'000'000);
   EXPECT_EQ(RelativeTime(short{-2}).as_nsec(), -2'000'000'000);
   EXPECT_EQ(AbsoluteTime(60), AbsoluteTime(60LL));
+  RelativeTime span;
+  span.set(7);
+  EXPECT_EQ(span, RelativeTime::seconds(7));
+  AbsoluteTime point;
+  point.set(8u);
+  EXPECT_EQ(point, AbsoluteTime(8LL));
 }
 
 TEST(HashInterop, ValuesGoIntoUnorderedContainers) {

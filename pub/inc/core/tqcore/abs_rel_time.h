@@ -62,6 +62,13 @@ struct SystemTime {
 
 namespace impl {
 
+/// Seconds from any integer type, so that `RelativeTime(5)` is not ambiguous between the
+/// `long long` and `double` constructors.
+template <class Int>
+using IfOtherInteger =
+    std::enable_if_t<std::is_integral<Int>::value && !std::is_same<Int, long long>::value &&
+                     !std::is_same<Int, bool>::value>;
+
 /// What an ACE call that takes a timeout pointer gets: null for "wait for ever". A temporary;
 /// the pointer lives as long as the proxy.
 class TQCORE_EXPORT AceTimeoutProxy {
@@ -161,6 +168,10 @@ class TQCORE_EXPORT TimeBase {
   /// Each set assigns what the constructor of the same arguments builds.
   void set(long long seconds) noexcept { m_value = seconds * NANOSECONDS_IN_ONE_SECOND; }
   void set(double seconds) noexcept { m_value = from_double_seconds(seconds); }
+  template <class Int, class = IfOtherInteger<Int>>
+  void set(Int seconds) noexcept {
+    set(static_cast<long long>(seconds));
+  }
   void set(int32_t seconds, int32_t microseconds) noexcept {
     m_value = (static_cast<long long>(seconds) * MICROSECONDS_IN_ONE_SECOND + microseconds) * 1000;
   }
@@ -284,13 +295,6 @@ constexpr long long chrono_nanoseconds(std::chrono::duration<Rep, Period> const&
   }
 }
 
-/// Seconds from any integer type, so that `RelativeTime(5)` is not ambiguous between the
-/// `long long` and `double` constructors.
-template <class Int>
-using if_other_integer =
-    std::enable_if_t<std::is_integral<Int>::value && !std::is_same<Int, long long>::value &&
-                     !std::is_same<Int, bool>::value>;
-
 }  // namespace impl
 
 class AbsoluteTime;
@@ -306,7 +310,7 @@ class TQCORE_EXPORT RelativeTime : public impl::TimeBase, public impl::TimeOrder
 
   constexpr RelativeTime() noexcept = default;
   explicit RelativeTime(long long seconds) noexcept { set(seconds); }
-  template <class Int, class = impl::if_other_integer<Int>>
+  template <class Int, class = impl::IfOtherInteger<Int>>
   explicit RelativeTime(Int seconds) noexcept {
     set(static_cast<long long>(seconds));
   }
@@ -419,7 +423,7 @@ class TQCORE_EXPORT AbsoluteTime : public impl::TimeBase, public impl::TimeOrder
 
   constexpr AbsoluteTime() noexcept = default;
   explicit AbsoluteTime(long long seconds) noexcept { set(seconds); }
-  template <class Int, class = impl::if_other_integer<Int>>
+  template <class Int, class = impl::IfOtherInteger<Int>>
   explicit AbsoluteTime(Int seconds) noexcept {
     set(static_cast<long long>(seconds));
   }
