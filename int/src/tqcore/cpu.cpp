@@ -18,6 +18,9 @@ constexpr uint32_t kExtendedBase = 0x80000000u;
 constexpr uint32_t kHypervisorBase = 0x40000000u;
 // More extended leaves than this is taken for a processor that answers nonsense.
 constexpr uint32_t kExtendedLeafLimit = 98;
+// Processors stop near 0x20; a larger last basic leaf is nonsense too, and read as leaf 0 only
+// (else a recorded or virtual answer of 0xFFFFFFFF would ask for 64 GiB of leaves).
+constexpr uint32_t kBasicLeafLimit = 255;
 constexpr uint32_t kHypervisorLeafLimit = 255;
 
 class ProcessorSource : public CpuInfo::Source {
@@ -79,9 +82,10 @@ void CpuInfo::populate_cpu_info(Source const& source) {
     if (m_vendorId == kVendorStrings[i]) m_brand = static_cast<ECpuBrand>(i);
   }
   if (m_brand == brand_intel || m_brand == brand_amd) {
-    m_basic.resize(static_cast<size_t>(zero.eax) + 1);
+    uint32_t const last_basic = zero.eax <= kBasicLeafLimit ? zero.eax : 0;
+    m_basic.resize(static_cast<size_t>(last_basic) + 1);
     m_basic[0] = zero;
-    for (uint32_t leaf = 1; leaf <= zero.eax; ++leaf) m_basic[leaf] = source.cpuid(leaf, 0);
+    for (uint32_t leaf = 1; leaf <= last_basic; ++leaf) m_basic[leaf] = source.cpuid(leaf, 0);
     m_family = m_basic.size() > 1 ? static_cast<ECpuFamily>(m_basic[1].eax >> 8 & 0xF) : family_486;
     if (m_brand == brand_intel || m_family >= family_pentium) {
       RegSet const top = source.cpuid(kExtendedBase, 0);

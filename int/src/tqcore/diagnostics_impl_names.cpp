@@ -96,8 +96,14 @@ size_t elide_template_arguments(char* name, size_t length) {
       }
       depth += d == '<' ? 1 : d == '>' ? -1 : 0;
     }
-    if (depth > 0 && argument) name[out++] = '~';
-    name[out++] = '>';
+    if (depth == 0) {
+      name[out++] = '>';
+      continue;
+    }
+    // A list the name leaves open: its marks go only where its own text was, so that
+    // `f<x` becomes `f<~`, never a byte longer than the buffer.
+    if (argument && out < i) name[out++] = '~';
+    if (out < i) name[out++] = '>';
   }
   return out;
 }

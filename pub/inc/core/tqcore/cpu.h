@@ -258,7 +258,9 @@ class TQCORE_EXPORT CpuInfo {
   std::string const& brand_string() const noexcept { return m_brandString; }
   /// A readable name for processors too old to give a brand string; empty when unknown.
   std::string const& brand_id_string() const noexcept { return m_brandIdString; }
-  /// Stored leaves - 1: -1 for none. The extended one is an index, not 0x8000xxxx.
+  /// Stored leaves - 1: -1 for none. The extended one is an index, not 0x8000xxxx. A processor
+  /// that names a last basic leaf above 255, or more than 98 extended leaves, answers nonsense:
+  /// then only leaf 0 of that range is stored, or no extended leaf.
   int cpuid_last_basic_level() const noexcept { return static_cast<int>(m_basic.size()) - 1; }
   int cpuid_last_extended_level() const noexcept { return static_cast<int>(m_extended.size()) - 1; }
 
