@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, and nothing else. Quiet when all are there.
-# Usage: scripts/ensure-packages.sh build|test|bench|ci|package|docs
+# Usage: scripts/ensure-packages.sh build|test|bench|ci|package|docs|fuzz|coverage
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ pkgconf libace-dev libboost-dev libunwind-dev libdw-dev)
@@ -8,6 +8,8 @@ test_packages=(libgtest-dev libgmock-dev libxml2-utils binutils libbenchmark-dev
 ci_packages=(clang clang-tidy clang-format)
 package_packages=(dpkg-dev file lintian)
 docs_packages=(doxygen)
+fuzz_packages=(clang-14 libclang-rt-14-dev)
+coverage_packages=(gcovr)
 bench_packages=(libbenchmark-dev libboost-dev libboost-thread-dev libabsl-dev libicu-dev libssl-dev uuid-dev libboost-stacktrace-dev libcpu-features-dev libcpuinfo-dev)
 
 case "${1:-build}" in
@@ -17,7 +19,9 @@ case "${1:-build}" in
   ci) wanted=("${build_packages[@]}" "${ci_packages[@]}") ;;
   package) wanted=("${build_packages[@]}" "${package_packages[@]}") ;;
   docs) wanted=("${docs_packages[@]}") ;;
-  *) echo "usage: $0 build|test|bench|ci|package|docs" >&2; exit 2 ;;
+  fuzz) wanted=("${build_packages[@]}" "${fuzz_packages[@]}") ;;
+  coverage) wanted=("${build_packages[@]}" "${test_packages[@]}" "${coverage_packages[@]}") ;;
+  *) echo "usage: $0 build|test|bench|ci|package|docs|fuzz|coverage" >&2; exit 2 ;;
 esac
 
 missing=()
