@@ -47,7 +47,8 @@ std::string hex_canonical(std::string text) {
 Codec const kCodecs[] = {
     {"base64", "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", 6,
      tqcore::base64_decode, tqcore::base64_encode, base64_canonical},
-    {"base32", "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567", 5, tqcore::base32_decode, tqcore::base32_encode, base32_canonical},
+    {"base32", "ABCDEFGHIJKLMNOPQRSTUVWXYZ234567", 5, tqcore::base32_decode, tqcore::base32_encode,
+     base32_canonical},
     {"hex", "0123456789abcdef", 4, tqcore::hex_decode, hex_encode_any, hex_canonical},
 };
 
@@ -70,8 +71,8 @@ void check(Codec const& codec, std::string const& text) {
       bytes.data(), bytes.size(), padded ? ETransformPadding::padded : ETransformPadding::unpadded);
   std::string const canonical = codec.canonical(text);
   FUZZ_CHECK(again.size() == canonical.size(), text);
-  size_t const data_characters = canonical.find('=') == std::string::npos ? canonical.size()
-                                                                          : canonical.find('=');
+  size_t const data_characters =
+      canonical.find('=') == std::string::npos ? canonical.size() : canonical.find('=');
   size_t const loose_bits = data_characters * codec.bits % 8;
   for (size_t k = 0; k < canonical.size(); ++k) {
     if (k + 1 == data_characters && loose_bits != 0) {

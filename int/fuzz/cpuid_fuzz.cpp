@@ -48,8 +48,9 @@ unsigned long long touch_accessors(CpuInfo const& info) {
          info.brand_string().size() + info.brand_id_string().size();
   sum += info.signature() + info.sig_family() + info.sig_model() + info.sig_stepping() +
          info.sig_processor_type() + info.sig_extended_family() + info.sig_extended_model();
-  sum += static_cast<unsigned long long>(info.cpu_family()) + info.intel_effective_family() + info.intel_effective_model() +
-         info.amd_effective_family() + info.amd_effective_model() + info.amd_extended_brand_id();
+  sum += static_cast<unsigned long long>(info.cpu_family()) + info.intel_effective_family() +
+         info.intel_effective_model() + info.amd_effective_family() + info.amd_effective_model() +
+         info.amd_extended_brand_id();
   sum += info.brand_index() + info.clflush_line_size() + info.logical_count() + info.apic_id();
   sum += info.core_count() + info.amd_physical_core_count() + info.core_apic_id_shift() +
          info.package_apic_id_shift() + info.apic_id_core_mask() + info.apic_id_package_mask();

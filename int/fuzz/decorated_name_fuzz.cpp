@@ -25,8 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
            static_cast<unsigned char>(c) >= 0x80;
   };
   for (size_t k = 0; k < length && !drops_tokens; ++k) {
-    bool const joins = k > 0 && k + 1 < length && identifier(buffer[k - 1]) &&
-                       identifier(buffer[k + 1]);
+    bool const joins =
+        k > 0 && k + 1 < length && identifier(buffer[k - 1]) && identifier(buffer[k + 1]);
     FUZZ_CHECK(buffer[k] != ' ' || joins, name);
   }
   return 0;

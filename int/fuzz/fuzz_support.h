@@ -75,7 +75,7 @@ inline std::string escaped(std::string const& text) {
 }  // namespace tqcore_fuzz
 
 // Stops the run when `rule` does not hold; `detail` is the text the rule was checked on.
-#define FUZZ_CHECK(rule, detail)                                                   \
-  do {                                                                             \
-    if (!(rule)) ::tqcore_fuzz::fail(#rule, __FILE__, __LINE__, (detail));         \
+#define FUZZ_CHECK(rule, detail)                                           \
+  do {                                                                     \
+    if (!(rule)) ::tqcore_fuzz::fail(#rule, __FILE__, __LINE__, (detail)); \
   } while (false)

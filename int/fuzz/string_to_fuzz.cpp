@@ -1,6 +1,7 @@
 // Numbers from text against the C library: doubles bit for bit as strtod reads them, floats as
-// its result narrowed (refused exactly when strtod stops short, or a float overflows), integers of every width in every
-// radix as std::from_chars reads the digits after the sign and prefix the grammar allows.
+// its result narrowed (refused exactly when strtod stops short, or a float overflows), integers of
+// every width in every radix as std::from_chars reads the digits after the sign and prefix the
+// grammar allows.
 #include <tqcore/string_to.h>
 
 #include "fuzz_support.h"
@@ -18,12 +19,12 @@ namespace {
 // A float is read as a double and narrowed; beyond the float range it is refused. A number
 // text of 128 characters or more is refused before it is read.
 template <class T>
-void check_floating(std::string const& text) {
+void check_floating(std::string const& text, unsigned int /*radix*/) {
   char* end = nullptr;
   double const read = std::strtod(text.c_str(), &end);
-  bool const accepted = text.size() < 128 && end == text.c_str() + text.size() &&
-                        (sizeof(T) == sizeof(double) || std::isnan(read) ||
-                         std::fabs(read) <= 3.4028234663852886e38);
+  bool const accepted =
+      text.size() < 128 && end == text.c_str() + text.size() &&
+      (sizeof(T) == sizeof(double) || std::isnan(read) || std::fabs(read) <= 3.4028234663852886e38);
   T const expected = static_cast<T>(read);
   tqcore::ErrorInfo::Ptr error;
   T const got = tqcore::string_to<T>(text.data(), text.size(), &error);
@@ -74,6 +75,15 @@ void check_integer(std::string const& text, unsigned int radix) {
   }
 }
 
+using Check = void (*)(std::string const& text, unsigned int radix);
+Check const kChecks[] = {
+    check_floating<double>,     check_floating<float>,
+    check_integer<signed char>, check_integer<unsigned char>,
+    check_integer<short>,       check_integer<unsigned short>,
+    check_integer<int>,         check_integer<unsigned int>,
+    check_integer<long long>,   check_integer<unsigned long long>,
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
@@ -83,17 +93,6 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   uint8_t const choice = input.byte();
   unsigned int const radix = choice < 64 ? 10u : choice < 250 ? 2u + choice % 35u : choice % 38u;
   std::string const text = input.rest();
-  switch (kind % 10) {
-    case 0: check_floating<double>(text); break;
-    case 1: check_floating<float>(text); break;
-    case 2: check_integer<signed char>(text, radix); break;
-    case 3: check_integer<unsigned char>(text, radix); break;
-    case 4: check_integer<short>(text, radix); break;
-    case 5: check_integer<unsigned short>(text, radix); break;
-    case 6: check_integer<int>(text, radix); break;
-    case 7: check_integer<unsigned int>(text, radix); break;
-    case 8: check_integer<long long>(text, radix); break;
-    default: check_integer<unsigned long long>(text, radix); break;
-  }
+  kChecks[kind % (sizeof(kChecks) / sizeof(kChecks[0]))](text, radix);
   return 0;
 }

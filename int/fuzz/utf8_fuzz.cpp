@@ -74,9 +74,9 @@ void check_repair(Bytes const& text) {
   FUZZ_CHECK(is_valid_utf8(repaired.data(), repaired.size()), text);
   size_t at = 0;
   bool const valid = ref_status(text, &at) == utf8_valid;
-  FUZZ_CHECK(valid ? first_invalid == -1 && repaired == text
-                   : first_invalid == static_cast<int>(at),
-             text);
+  FUZZ_CHECK(
+      valid ? first_invalid == -1 && repaired == text : first_invalid == static_cast<int>(at),
+      text);
 }
 
 void check_from_utf16(Bytes const& bytes) {
@@ -91,8 +91,8 @@ void check_from_utf16(Bytes const& bytes) {
     FUZZ_CHECK(measured == rules, bytes);
     if (!rules.raised.empty()) continue;
     Bytes written(rules.result, '\0');
-    size_t const n = utf16_to_utf8(text.data(), text.size(), &written[0], written.size(),
-                                   replacement, nullptr);
+    size_t const n =
+        utf16_to_utf8(text.data(), text.size(), &written[0], written.size(), replacement, nullptr);
     FUZZ_CHECK(n == rules.result && written == expected, bytes);
   }
 }
@@ -103,7 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   Bytes const text(reinterpret_cast<char const*>(data), size);
   check_validator(text);
   for (int replacement : {0, 0x3F}) {
-    check_conversion<unsigned short>(text, static_cast<unsigned short>(replacement), utf8_to_utf16, ref_utf8_to_utf16);
+    check_conversion<unsigned short>(text, static_cast<unsigned short>(replacement), utf8_to_utf16,
+                                     ref_utf8_to_utf16);
   }
   for (unsigned int replacement : {0u, 0xFFFDu}) {
     check_conversion<unsigned int>(text, replacement, utf8_to_ucs4, ref_utf8_to_ucs4);

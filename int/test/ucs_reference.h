@@ -230,7 +230,6 @@ inline int ref_status(Bytes const& t, size_t* at) {
   return 0;
 }
 
-
 template <class F>
 inline Outcome run_library(F&& call) {
   Outcome o;
@@ -244,7 +243,6 @@ inline Outcome run_library(F&& call) {
   }
   return o;
 }
-
 
 }  // namespace ucs_reference
 }  // namespace tqcore

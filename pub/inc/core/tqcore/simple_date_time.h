@@ -58,6 +58,8 @@ class TQCORE_EXPORT SimpleDateTime {
   /// "2000-01-01 12:00:00.0+01:00", "...Z" for offset 0, "##INFINITE##".
   std::string as_string() const;
   /// An ISO 8601 UTC base and an optional "Z", "±hh:mm", "±hhmm" or "±hh". `out` may be null.
+  /// An infinite base with a non-zero offset ("INF+01") raises the timezoneOffset error even
+  /// here: with untrusted text, catch ErrorException around this call too.
   static ErrorInfo::Ptr from_string_nothrow(char const* text, size_t size, SimpleDateTime* out);
   static SimpleDateTime from_string(char const* text, size_t size);
   static SimpleDateTime from_string(std::string const& text) {
