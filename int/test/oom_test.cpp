@@ -4,6 +4,7 @@
 // leave the library so that the next normal call gives the right answer.
 #include <tqcore/abs_rel_time.h>
 #include <tqcore/barrier.h>
+#include <tqcore/cpu.h>
 #include <tqcore/diagnostics.h>
 #include <tqcore/error_builder.h>
 #include <tqcore/error_exception.h>
@@ -151,6 +152,8 @@ std::vector<Row> rows() {
       {"guard with handlers", [] { Future<> a, b; { ResultControlFutureRef<> ca(a), cb(b); AutoSignalAsyncResult<> guard; guard.push_back(ca.create_async_handler()); guard.push_back(cb.create_async_handler()); } check(a.is_ready() && b.is_ready(), "both failed"); }},
       {"barrier", [] { Future<int> a, b; AnyFutureBarrier barrier; barrier.push_back(a); barrier.push_back(b); check(barrier.set_error_if_not_ready(failure("error.oom.b")) == 2, "both"); }},
       {"static instance on first use", [] { check(g_instance->text.size() == 100, "built"); }},
+      {"processor decoded and dumped", [] { hardware::CpuInfo const info; std::ostringstream s; s.exceptions(std::ios::badbit); info.dump_cpuid_info(s, ""); info.dump_raw_cpuid(s, ""); check(!info.vendor_id().empty() && s.str().find(info.vendor_id()) != std::string::npos, "described"); }},
+      {"registers as text", [] { ucontext_t c{}; c.uc_mcontext.gregs[REG_RAX] = 0x2a; check(format_registers(c).rfind("RAX=000000000000002a", 0) == 0, "registers"); }},
       {"symbolic backtrace, whole or without symbols (inlined calls add lines)", [] { std::string const t = get_stack_backtrace(0, 4); if (t == "<failed>") throw std::bad_alloc(); check(std::count(t.begin(), t.end(), '\n') >= 4 && (t.find("oom_test!") != std::string::npos || t.find("<no symbols>") != std::string::npos), "four frames"); }},
   };
 }
