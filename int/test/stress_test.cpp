@@ -185,17 +185,14 @@ TEST(Stress, RandomFillsOfAnySizeNeverRepeatAcrossThreads) {
 std::atomic<long> g_first{0}, g_second{0}, g_torn{0};
 constexpr char kPacked[] = "value\0other";
 
-bool count_first(SourceLocation const&, SourceString const& text, char const* packed, size_t size) {
+template <std::atomic<long>& count>
+bool count_into(SourceLocation const&, SourceString const& text, char const* packed, size_t size) {
   if (size != 0 && (text.size() == 0 || std::memcmp(packed, kPacked, size) != 0)) g_torn++;
-  g_first++;
+  count++;
   return true;
 }
-bool count_second(SourceLocation const&, SourceString const& text, char const* packed,
-                  size_t size) {
-  if (size != 0 && (text.size() == 0 || std::memcmp(packed, kPacked, size) != 0)) g_torn++;
-  g_second++;
-  return true;
-}
+constexpr auto count_first = count_into<g_first>;
+constexpr auto count_second = count_into<g_second>;
 unsigned int no_credit_period() { return 0; }
 
 TEST(Stress, TraceHandlersSwappedWhileOtherThreadsTrace) {
