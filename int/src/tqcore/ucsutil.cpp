@@ -503,7 +503,6 @@ size_t to_utf8(typename Source::Unit const* source, size_t size, char* destinati
 
 struct Utf16Target {
   using Unit = unsigned short;
-  static constexpr bool kVectorPrefix = true;
   static size_t measure(unsigned int s) {
     if (s < 0xD800 || (s >= 0xE000 && s <= 0xFFFD && s != 0xFEFF)) return 1;
     return s >= 0x10000 && s < 0x110000 ? 2 : fail(EINVAL);
@@ -515,7 +514,6 @@ struct Utf16Target {
 
 struct WideTarget {
   using Unit = wchar_t;
-  static constexpr bool kVectorPrefix = false;
   static size_t measure(unsigned int s) { return ucs4_char_to_wide(s, nullptr, nullptr); }
   static size_t encode(unsigned int s, Unit* first, Unit* end) {
     return ucs4_char_to_wide(s, first, end);
@@ -528,12 +526,8 @@ char const kNotInUtf16[] =
 template <class Target>
 size_t from_utf8_measure(char const* source, size_t size, typename Target::Unit replacement,
                          int* first_invalid) {
-  size_t count = 0;
-  size_t i = 0;
-  if constexpr (Target::kVectorPrefix) {
-    i = impl::utf8_valid_prefix(source, size, true);
-    count = impl::utf8_to_utf16_length_valid(source, i);
-  }
+  size_t i = impl::utf8_valid_prefix(source, size, true);
+  size_t count = impl::utf8_to_units_length_valid(source, i, sizeof(typename Target::Unit));
   while (i < size) {
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
@@ -573,14 +567,10 @@ template <class Target>
 size_t from_utf8_write(char const* source, size_t size, typename Target::Unit* destination,
                        size_t capacity, typename Target::Unit replacement, int* first_invalid) {
   using Unit = typename Target::Unit;
-  size_t count = 0;
-  size_t i = 0;
-  if constexpr (Target::kVectorPrefix) {
-    impl::ConversionProgress const done = impl::utf8_to_utf16_valid(
-        source, impl::utf8_valid_prefix(source, size, true), destination, capacity);
-    i = done.consumed;
-    count = done.written;
-  }
+  impl::ConversionProgress const done =
+      impl::utf8_to_units_prefix(source, size, destination, capacity);
+  size_t count = done.written;
+  size_t i = done.consumed;
   while (i < size) {
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
@@ -727,8 +717,9 @@ namespace {
 
 size_t utf8_to_ucs4_measure(char const* source, size_t size, unsigned int replacement,
                             int* first_invalid) {
-  size_t count = 0;
-  for (size_t i = 0; i < size;) {
+  size_t i = impl::utf8_valid_prefix(source, size, true);
+  size_t count = impl::utf8_to_units_length_valid(source, i, sizeof(unsigned int));
+  while (i < size) {
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       count += run;
@@ -754,8 +745,10 @@ size_t utf8_to_ucs4_measure(char const* source, size_t size, unsigned int replac
 // A full destination is EINVAL here, tested before the input is looked at.
 size_t utf8_to_ucs4_write(char const* source, size_t size, unsigned int* destination,
                           size_t capacity, unsigned int replacement, int* first_invalid) {
-  size_t count = 0;
-  for (size_t i = 0; i < size;) {
+  impl::ConversionProgress const done =
+      impl::utf8_to_units_prefix(source, size, destination, capacity);
+  size_t count = done.written;
+  for (size_t i = done.consumed; i < size;) {
     if (count == capacity) return fail(EINVAL);
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);

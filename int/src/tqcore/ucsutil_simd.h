@@ -22,11 +22,18 @@ struct ConversionProgress {
   size_t written;
 };
 
-// Converts a prefix of `text`, which must be valid UTF-8 as utf8_valid_prefix vouches, to
-// UTF-16 while the destination has room; stops where a sequence begins. Writes nothing beyond
-// `capacity`. Does nothing where the processor has no AVX2.
-ConversionProgress utf8_to_utf16_valid(char const* text, size_t size, unsigned short* out,
-                                       size_t capacity) noexcept;
+// The valid prefix as above, for any size; the processor must have AVX2.
+size_t valid_prefix_vector(char const* text, size_t size, bool for_conversion) noexcept;
+
+// Converts the longest prefix of `text` that the vector validator finds valid and the
+// conversions accept to UTF-16 (16-bit units) or UCS-4 (32-bit units) while the destination
+// has room; stops where a character begins, usually fewer than sixteen bytes before the end or
+// the first byte it cannot vouch for. Writes nothing beyond `capacity`. Does nothing where the
+// processor has no AVX2 or the text is shorter than sixteen bytes.
+template <class Unit>
+ConversionProgress utf8_to_units_prefix(char const* text, size_t size, Unit* out,
+                                        size_t capacity) noexcept;
+
 // Converts UTF-16 to UTF-8 while the units are well formed and accepted by the conversions
 // and the destination has room; stops before the first unit it cannot vouch for.
 ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
@@ -35,8 +42,8 @@ ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, 
 size_t utf16_to_utf8_length_valid(unsigned short const* text, size_t size,
                                   size_t* consumed) noexcept;
 
-// The UTF-16 length of valid UTF-8 text, as above.
-size_t utf8_to_utf16_length_valid(char const* text, size_t size) noexcept;
+// The length of valid UTF-8 text in units of `unit_size` bytes (2: UTF-16, 4: UCS-4).
+size_t utf8_to_units_length_valid(char const* text, size_t size, size_t unit_size) noexcept;
 
 }  // namespace impl
 }  // namespace tqcore

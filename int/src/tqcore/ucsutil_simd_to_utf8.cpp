@@ -1,0 +1,217 @@
+// UTF-16 to UTF-8 with AVX2. Units are taken eight or sixteen at a time while none of them
+// needs the scalar rules (surrogates, U+FEFF, U+FFFE, U+FFFF); each lane is spread to one to three
+// bytes and a shuffle packs the bytes together.
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "ucsutil_simd.h"
+
+namespace tqcore {
+namespace impl {
+namespace {
+
+// For four 32-bit lanes of one to three UTF-8 bytes each (two bits of length per lane, 1 to 3),
+// the shuffle that packs the bytes of the lanes to the front, in order.
+struct ExpandTable {
+  alignas(16) uint8_t patterns[256][16];
+  uint8_t lengths[256];
+  ExpandTable() {
+    for (int key = 0; key < 256; ++key) {
+      int out = 0;
+      for (int lane = 0; lane < 4; ++lane) {
+        int const length = (key >> (2 * lane)) & 3;
+        for (int k = 0; k < length; ++k) patterns[key][out++] = static_cast<uint8_t>(4 * lane + k);
+      }
+      lengths[key] = static_cast<uint8_t>(out);
+      for (; out < 16; ++out) patterns[key][out] = 0x80;
+    }
+  }
+};
+
+ExpandTable const kExpand;
+
+// One bit per byte for units that need the scalar rules: surrogates, U+FEFF, U+FFFE, U+FFFF.
+[[gnu::target("avx2")]] inline unsigned special_units(__m128i units) {
+  __m128i const surrogate =
+      _mm_cmpeq_epi16(_mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800))),
+                      _mm_set1_epi16(static_cast<short>(0xD800)));
+  __m128i const high_end =
+      _mm_cmpeq_epi16(_mm_max_epu16(units, _mm_set1_epi16(static_cast<short>(0xFFFE))), units);
+  __m128i const bom = _mm_cmpeq_epi16(units, _mm_set1_epi16(static_cast<short>(0xFEFF)));
+  return static_cast<unsigned>(
+      _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(surrogate, high_end), bom)));
+}
+
+[[gnu::target("avx2")]] inline bool has_special_unit(__m128i units) {
+  return special_units(units) != 0;
+}
+
+// The first `lanes` of eight units below U+10000, none special, as UTF-8; returns the bytes
+// written (at most 24, and 32 are stored).
+[[gnu::target("avx2")]] inline size_t eight_units(__m128i units, char* out, unsigned lanes = 8) {
+  __m256i const c = _mm256_cvtepu16_epi32(units);
+  __m256i const one = c;
+  __m256i const two =
+      _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi32(c, 6), _mm256_set1_epi32(0x80C0)),
+                      _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 8));
+  __m256i const three = _mm256_or_si256(
+      _mm256_or_si256(_mm256_srli_epi32(c, 12), _mm256_set1_epi32(0x8080E0)),
+      _mm256_or_si256(
+          _mm256_slli_epi32(_mm256_and_si256(_mm256_srli_epi32(c, 6), _mm256_set1_epi32(0x3F)), 8),
+          _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 16)));
+  __m256i const at_least_two = _mm256_cmpgt_epi32(c, _mm256_set1_epi32(0x7F));
+  __m256i const three_bytes = _mm256_cmpgt_epi32(c, _mm256_set1_epi32(0x7FF));
+  __m256i const bytes =
+      _mm256_blendv_epi8(_mm256_blendv_epi8(one, two, at_least_two), three, three_bytes);
+  // Lengths as two bits a lane, 1 + (at least two) + (three): bit k of a lane mask spread to
+  // bit 2k adds one to lane k without carrying into the next.
+  static constexpr uint8_t kSpread[16] = {0x00, 0x01, 0x04, 0x05, 0x10, 0x11, 0x14, 0x15,
+                                          0x40, 0x41, 0x44, 0x45, 0x50, 0x51, 0x54, 0x55};
+  unsigned const twos =
+      static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(at_least_two)));
+  unsigned const threes =
+      static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(three_bytes)));
+  // Lanes past the limit get the length 0.
+  unsigned const kept = lanes >= 8 ? 0xFFFFu : (1u << (2 * lanes)) - 1;
+  unsigned const key_low = (0x55u + kSpread[twos & 0xF] + kSpread[threes & 0xF]) & kept;
+  unsigned const key_high = (0x55u + kSpread[twos >> 4] + kSpread[threes >> 4]) & (kept >> 8);
+  __m128i const low =
+      _mm_shuffle_epi8(_mm256_castsi256_si128(bytes),
+                       _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key_low])));
+  __m128i const high = _mm_shuffle_epi8(
+      _mm256_extracti128_si256(bytes, 1),
+      _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key_high])));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), low);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + kExpand.lengths[key_low]), high);
+  return kExpand.lengths[key_low] + kExpand.lengths[key_high];
+}
+
+// One unit or a pair the conversions accept, as UTF-8; 0 consumed for anything else.
+inline size_t scalar_unit(unsigned short const* p, size_t left, char* out, size_t* written) {
+  unsigned int const u = p[0];
+  if (u < 0x80) return out[0] = static_cast<char>(u), *written = 1, 1;
+  if (u < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (u >> 6));
+    out[1] = static_cast<char>(0x80 | (u & 0x3F));
+    return *written = 2, 1;
+  }
+  if (u < 0xD800 || (u >= 0xE000 && u <= 0xFFFD && u != 0xFEFF)) {
+    out[0] = static_cast<char>(0xE0 | (u >> 12));
+    out[1] = static_cast<char>(0x80 | ((u >> 6) & 0x3F));
+    out[2] = static_cast<char>(0x80 | (u & 0x3F));
+    return *written = 3, 1;
+  }
+  if (u > 0xDBFF || left < 2 || p[1] < 0xDC00 || p[1] > 0xDFFF) return 0;
+  unsigned int const s = ((u - 0xD7C0) << 10) | (p[1] & 0x3FFu);
+  out[0] = static_cast<char>(0xF0 | (s >> 18));
+  out[1] = static_cast<char>(0x80 | ((s >> 12) & 0x3F));
+  out[2] = static_cast<char>(0x80 | ((s >> 6) & 0x3F));
+  out[3] = static_cast<char>(0x80 | (s & 0x3F));
+  return *written = 4, 2;
+}
+
+[[gnu::target("avx2")]] ConversionProgress to_utf8_avx2(unsigned short const* p, size_t size,
+                                                        char* out, size_t capacity) {
+  size_t i = 0;
+  size_t o = 0;
+  while (i < size) {
+    if (i + 16 <= size && o + 16 <= capacity) {
+      __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
+      if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xFF80)))) {
+        _mm_storeu_si128(
+            reinterpret_cast<__m128i*>(out + o),
+            _mm_packus_epi16(_mm256_castsi256_si128(block), _mm256_extracti128_si256(block, 1)));
+        i += 16;
+        o += 16;
+        continue;
+      }
+    }
+    if (i + 8 <= size && o + 8 <= capacity) {
+      __m128i const units = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
+      if (_mm_testz_si128(units, _mm_set1_epi16(static_cast<short>(0xFF80)))) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + o), _mm_packus_epi16(units, units));
+        i += 8;
+        o += 8;
+        continue;
+      }
+    }
+    if (i + 8 <= size && o + 32 <= capacity) {
+      // Up to the first special unit, which the scalar step below takes.
+      __m128i const units = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
+      unsigned const special = special_units(units);
+      unsigned const lanes = special == 0 ? 8 : static_cast<unsigned>(__builtin_ctz(special)) / 2;
+      if (lanes > 0) {
+        o += eight_units(units, out + o, lanes);
+        i += lanes;
+        continue;
+      }
+    }
+    if (o + 4 > capacity) break;  // the rules decide what a short destination gets
+    size_t written = 0;
+    size_t const used = scalar_unit(p + i, size - i, out + o, &written);
+    if (used == 0) break;
+    i += used;
+    o += written;
+  }
+  return ConversionProgress{i, o};
+}
+
+[[gnu::target("avx2")]] size_t utf8_length_avx2(unsigned short const* p, size_t size,
+                                                size_t* consumed) {
+  size_t count = 0;
+  size_t i = 0;
+  while (i < size) {
+    if (i + 16 <= size &&
+        _mm256_testz_si256(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i)),
+                           _mm256_set1_epi16(static_cast<short>(0xFF80)))) {
+      count += 16;
+      i += 16;
+      continue;
+    }
+    if (i + 8 <= size) {
+      __m128i const units = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
+      if (!has_special_unit(units)) {
+        // 1 + (unit above 0x7F) + (unit above 0x7FF), summed over the eight.
+        __m128i const two =
+            _mm_cmpgt_epi16(_mm_min_epu16(units, _mm_set1_epi16(0x800)), _mm_set1_epi16(0x7F));
+        __m128i const three =
+            _mm_cmpeq_epi16(_mm_min_epu16(units, _mm_set1_epi16(0x800)), _mm_set1_epi16(0x800));
+        count += 8 +
+                 static_cast<size_t>(
+                     __builtin_popcount(static_cast<unsigned>(_mm_movemask_epi8(two))) / 2) +
+                 static_cast<size_t>(
+                     __builtin_popcount(static_cast<unsigned>(_mm_movemask_epi8(three))) / 2);
+        i += 8;
+        continue;
+      }
+    }
+    char scratch[4];
+    size_t written = 0;
+    size_t const used = scalar_unit(p + i, size - i, scratch, &written);
+    if (used == 0) break;
+    i += used;
+    count += written;
+  }
+  *consumed = i;
+  return count;
+}
+
+}  // namespace
+
+ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
+                                       size_t capacity) noexcept {
+  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};  // short: the scalar loop wins
+  return to_utf8_avx2(text, size, out, capacity);
+}
+
+size_t utf16_to_utf8_length_valid(unsigned short const* text, size_t size,
+                                  size_t* consumed) noexcept {
+  *consumed = 0;
+  if (!has_avx2() || size < 16) return 0;
+  return utf8_length_avx2(text, size, consumed);
+}
+
+}  // namespace impl
+}  // namespace tqcore
