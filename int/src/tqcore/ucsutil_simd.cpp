@@ -42,6 +42,25 @@ template <int N>
   return _mm256_alignr_epi8(input, _mm256_permute2x128_si256(previous, input, 0x21), 16 - N);
 }
 
+// Nonzero lanes mark the last byte of U+FEFF after a 0xEF lead marked in `lead_ef`; with
+// `for_conversion`, of U+FFFE and U+FFFF as well.
+[[gnu::target("avx2")]] inline __m256i refused_forms(__m256i input, __m256i prev1, __m256i lead_ef,
+                                                     bool for_conversion) {
+  __m256i const last_bf = _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBF)));
+  __m256i refused = _mm256_and_si256(
+      _mm256_and_si256(lead_ef,
+                       _mm256_cmpeq_epi8(prev1, _mm256_set1_epi8(static_cast<char>(0xBB)))),
+      last_bf);
+  if (!for_conversion) return refused;
+  __m256i const last_be_or_bf =
+      _mm256_or_si256(last_bf, _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBE))));
+  return _mm256_or_si256(
+      refused, _mm256_and_si256(
+                   _mm256_and_si256(lead_ef, _mm256_cmpeq_epi8(
+                                                 prev1, _mm256_set1_epi8(static_cast<char>(0xBF)))),
+                   last_be_or_bf));
+}
+
 // Nonzero lanes mark a byte at which a standard UTF-8 rule or the U+FEFF rule breaks; with
 // `for_conversion`, U+FFFE and U+FFFF as well.
 [[gnu::target("avx2")]] inline __m256i block_errors(__m256i input, __m256i previous,
@@ -74,23 +93,11 @@ template <int N>
   __m256i const fourth = _mm256_subs_epu8(prev3, _mm256_set1_epi8(static_cast<char>(0xF0 - 0x80)));
   __m256i const must_continue =
       _mm256_and_si256(_mm256_or_si256(third, fourth), _mm256_set1_epi8(static_cast<char>(0x80)));
+  __m256i const errors = _mm256_xor_si256(must_continue, special);
+  // Text without a 0xEF lead, which is most text, has none of the refused forms.
   __m256i const lead_ef = _mm256_cmpeq_epi8(prev2, _mm256_set1_epi8(static_cast<char>(0xEF)));
-  __m256i const last_bf = _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBF)));
-  __m256i refused = _mm256_and_si256(
-      _mm256_and_si256(lead_ef,
-                       _mm256_cmpeq_epi8(prev1, _mm256_set1_epi8(static_cast<char>(0xBB)))),
-      last_bf);
-  if (for_conversion) {
-    __m256i const last_be_or_bf = _mm256_or_si256(
-        last_bf, _mm256_cmpeq_epi8(input, _mm256_set1_epi8(static_cast<char>(0xBE))));
-    refused = _mm256_or_si256(
-        refused,
-        _mm256_and_si256(
-            _mm256_and_si256(lead_ef,
-                             _mm256_cmpeq_epi8(prev1, _mm256_set1_epi8(static_cast<char>(0xBF)))),
-            last_be_or_bf));
-  }
-  return _mm256_or_si256(_mm256_xor_si256(must_continue, special), refused);
+  if (_mm256_testz_si256(lead_ef, lead_ef)) return errors;
+  return _mm256_or_si256(errors, refused_forms(input, prev1, lead_ef, for_conversion));
 }
 
 // Nonzero where a sequence begun in the last three bytes needs bytes of the next block.
@@ -120,6 +127,20 @@ size_t sequence_start(unsigned char const* p, size_t stop) {
   __m256i previous = _mm256_setzero_si256();
   bool incomplete = false;
   size_t i = 0;
+  // Two blocks a test while both are there; a failure is located block by block below.
+  for (; i + 64 <= size; i += 64) {
+    __m256i const first = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
+    __m256i const second = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i + 32));
+    if (_mm256_movemask_epi8(_mm256_or_si256(first, second)) == 0) {
+      if (incomplete) break;
+    } else {
+      __m256i const errors = _mm256_or_si256(block_errors(first, previous, for_conversion),
+                                             block_errors(second, first, for_conversion));
+      if (!_mm256_testz_si256(errors, errors)) break;
+      incomplete = ends_incomplete(second);
+    }
+    previous = second;
+  }
   for (; i + 32 <= size; i += 32) {
     __m256i const input = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
     if (_mm256_movemask_epi8(input) == 0) {

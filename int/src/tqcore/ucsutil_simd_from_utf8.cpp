@@ -17,7 +17,7 @@ namespace {
 
 // Text is validated a piece at a time, so that the conversion reads it while it is still in the
 // first-level cache.
-constexpr size_t kPiece = 8 << 10;
+constexpr size_t kPiece = 4 << 10;
 
 // For each set of kept lanes among eight 16-bit lanes, the shuffle that packs them to the
 // front, in order.
@@ -77,17 +77,12 @@ template <bool kPairs>
   __m256i units = _mm256_blendv_epi8(b0, two, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xBF)));
   units = _mm256_blendv_epi8(units, three, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xDF)));
   if (!kPairs) return units;
-  // High: 0xD800 + (scalar - 0x10000) >> 10, from the lead and the next two bytes.
-  __m256i const high = _mm256_add_epi16(
-      _mm256_or_si256(
-          _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(b0, _mm256_set1_epi16(7)), 8),
-                          _mm256_slli_epi16(b1, 2)),
-          _mm256_srli_epi16(b2, 4)),
-      _mm256_set1_epi16(static_cast<short>(0xD800 - 0x40)));
-  // Low, in the second byte's lane: 0xDC00 and the low ten bits, from the two bytes after it.
-  __m256i const low = _mm256_or_si256(
-      _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(b1, _mm256_set1_epi16(0x0F)), 6), b2),
-      _mm256_set1_epi16(static_cast<short>(0xDC00)));
+  // From a four-byte lead, `three` holds the top ten bits of the scalar above 0x10000 (plus 0x40):
+  // the high surrogate. From the second byte, its low ten bits are those of the low surrogate.
+  __m256i const high =
+      _mm256_add_epi16(_mm256_srli_epi16(three, 4), _mm256_set1_epi16(static_cast<short>(0xD7C0)));
+  __m256i const low = _mm256_or_si256(_mm256_and_si256(three, _mm256_set1_epi16(0x3FF)),
+                                      _mm256_set1_epi16(static_cast<short>(0xDC00)));
   units = _mm256_blendv_epi8(units, high, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xEF)));
   return _mm256_blendv_epi8(units, low, lanes_of(low_lanes));
 }
@@ -152,8 +147,7 @@ template <class Unit>
   while (size - i >= 66 && capacity - o >= 80) {
     __m256i const first = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
     __m256i const second = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i + 32));
-    uint64_t const leads = lead_mask(first) | static_cast<uint64_t>(lead_mask(second)) << 32;
-    if (leads == ~uint64_t{0} && _mm256_movemask_epi8(_mm256_or_si256(first, second)) == 0) {
+    if (_mm256_movemask_epi8(_mm256_or_si256(first, second)) == 0) {
       __m128i const chunks[4] = {_mm256_castsi256_si128(first), _mm256_extracti128_si256(first, 1),
                                  _mm256_castsi256_si128(second),
                                  _mm256_extracti128_si256(second, 1)};
@@ -172,6 +166,7 @@ template <class Unit>
       o += 64;
       continue;
     }
+    uint64_t const leads = lead_mask(first) | static_cast<uint64_t>(lead_mask(second)) << 32;
     uint64_t const fours =
         four_byte_lead_mask(first) | static_cast<uint64_t>(four_byte_lead_mask(second)) << 32;
     if (fours == 0) {
