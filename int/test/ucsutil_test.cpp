@@ -238,6 +238,65 @@ TEST(UnicodeDifferential, ValidatorAgreesAtEveryBlockOffset) {
   }
 }
 
+// Long text in runs of one script, so that the vector blocks see each mix of lengths, a
+// four-byte form on every block edge, and now and then one malformed or refused form: every
+// conversion matches the rules, and UTF-16 goes back to the same UTF-8.
+Bytes generated_long_utf8(std::mt19937& random) {
+  static char const* const kScripts[][4] = {
+      {"a", " ", "xyz", "."},
+      {"\xC3\xA9", "e", " ", "\xC3\x9F"},
+      {"\xD0\x96", "\xCE\xB1", " ", "\xDF\xBF"},
+      {"\xE4\xB8\xAD", "\xE3\x80\x82", "\xEF\xBF\xBD", " "},
+      {"\xF0\x9F\x98\x80", "\xE6\x97\xA5", "\xF4\x8F\xBF\xBF", "z"}};
+  static char const* const kFaults[] = {"\xED\xA0\x80", "\xEF\xBB\xBF", "\xEF\xBF\xBF",    "\xC3",
+                                        "\xF0\x9F\x98", "\x80",         "\xF4\x90\x80\x80"};
+  Bytes text;
+  size_t const length = random() % 9000;  // past the validation piece now and then
+  while (text.size() < length) {
+    auto const& script = kScripts[random() % 5];
+    for (size_t run = random() % 40; run > 0; --run) text += script[random() % 4];
+  }
+  if (random() % 3 == 0) {
+    size_t const at = utf8_limit_length(text.data(), text.size(), random() % (text.size() + 1));
+    text.insert(at, kFaults[random() % 7]);
+  }
+  return text;
+}
+
+TEST(UnicodeDifferential, LongTextMatchesTheRulesAcrossBlocks) {
+  std::mt19937 random(17);
+  for (int round = 0; round < 600; ++round) {
+    Bytes const text = generated_long_utf8(random);
+    SCOPED_TRACE(round);
+    U16 expected16;
+    Outcome const reference16 = ref_utf8_to_utf16(text, 0xFFFD, &expected16);
+    U16 out16(expected16.size());
+    int first_invalid = 0;
+    ASSERT_EQ(
+        utf8_to_utf16(text.data(), text.size(), out16.data(), out16.size(), 0xFFFD, &first_invalid),
+        reference16.result);
+    ASSERT_EQ(first_invalid, reference16.first_invalid);
+    ASSERT_EQ(out16, expected16);
+    ASSERT_EQ(utf8_to_utf16(text.data(), text.size(), nullptr, 0, 0xFFFD, nullptr),
+              expected16.size());
+    U32 expected32;
+    ref_utf8_to_ucs4(text, 0xFFFD, &expected32);
+    U32 out32(expected32.size());
+    ASSERT_EQ(utf8_to_ucs4(text.data(), text.size(), out32.data(), out32.size(), 0xFFFD, nullptr),
+              expected32.size());
+    ASSERT_EQ(out32, expected32);
+    if (reference16.first_invalid != -1) continue;
+    std::wstring wide(expected32.size(), L'\0');
+    ASSERT_EQ(utf8_to_wstr(text.data(), text.size(), wide.data(), wide.size(), L'?', nullptr),
+              expected32.size());
+    ASSERT_TRUE(std::equal(wide.begin(), wide.end(), expected32.begin()));
+    Bytes back(text.size(), '\0');
+    ASSERT_EQ(utf16_to_utf8(out16.data(), out16.size(), back.data(), back.size(), '?', nullptr),
+              text.size());
+    ASSERT_EQ(back, text);
+  }
+}
+
 // Long valid text of every character length, converted into every destination size: a short
 // destination gets exactly the leading units and the call fails with ENOMEM.
 TEST(UnicodeDifferential, ShortDestinationsGetExactlyTheLeadingUnits) {

@@ -169,7 +169,7 @@ template <class Unit>
     uint64_t const leads = lead_mask(first) | static_cast<uint64_t>(lead_mask(second)) << 32;
     uint64_t const fours =
         four_byte_lead_mask(first) | static_cast<uint64_t>(four_byte_lead_mask(second)) << 32;
-    if (fours == 0) {
+    if ((fours | carry) == 0) {
       for (int w = 0; w < 4; ++w) {
         o += store_kept(window_values<false>(p + i + 16 * w, 0),
                         static_cast<unsigned>(leads >> (16 * w)) & 0xFFFF, out + o);

@@ -48,9 +48,13 @@ ExpandTable const kExpand;
   return special_units(units) != 0;
 }
 
-// The first `lanes` of eight units below U+10000, none special, as UTF-8; returns the bytes
-// written (at most 24, and 32 are stored).
-[[gnu::target("avx2")]] inline size_t eight_units(__m128i units, char* out, unsigned lanes = 8) {
+// The first `lanes` of eight units as UTF-8; returns the bytes written (at most 24, and 32 are
+// stored). With `kPairs`, each surrogate of a pair the caller has checked gives two bytes of the
+// four: a high one the first two, from its own bits, and a low one the last two, from its bits
+// and the two low bits of the high one before it, which `previous` holds in the same lane.
+template <bool kPairs>
+[[gnu::target("avx2")]] inline size_t eight_units(__m128i units, __m128i previous, char* out,
+                                                  unsigned lanes = 8) {
   __m256i const c = _mm256_cvtepu16_epi32(units);
   __m256i const one = c;
   __m256i const two =
@@ -63,8 +67,27 @@ ExpandTable const kExpand;
           _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 16)));
   __m256i const at_least_two = _mm256_cmpgt_epi32(c, _mm256_set1_epi32(0x7F));
   __m256i const three_bytes = _mm256_cmpgt_epi32(c, _mm256_set1_epi32(0x7FF));
-  __m256i const bytes =
+  __m256i bytes =
       _mm256_blendv_epi8(_mm256_blendv_epi8(one, two, at_least_two), three, three_bytes);
+  unsigned pairs = 0;
+  if (kPairs) {
+    __m256i const kind = _mm256_and_si256(c, _mm256_set1_epi32(0xFC00));
+    __m256i const high = _mm256_cmpeq_epi32(kind, _mm256_set1_epi32(0xD800));
+    __m256i const low = _mm256_cmpeq_epi32(kind, _mm256_set1_epi32(0xDC00));
+    __m256i const top = _mm256_sub_epi32(c, _mm256_set1_epi32(0xD7C0));  // scalar >> 10
+    __m256i const high_bytes = _mm256_or_si256(
+        _mm256_or_si256(_mm256_srli_epi32(top, 8), _mm256_set1_epi32(0x80F0)),
+        _mm256_slli_epi32(_mm256_and_si256(_mm256_srli_epi32(top, 2), _mm256_set1_epi32(0x3F)), 8));
+    __m256i const before = _mm256_cvtepu16_epi32(previous);
+    __m256i const low_bytes = _mm256_or_si256(
+        _mm256_or_si256(_mm256_slli_epi32(_mm256_and_si256(before, _mm256_set1_epi32(3)), 4),
+                        _mm256_set1_epi32(0x8080)),
+        _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi32(c, 6), _mm256_set1_epi32(0x0F)),
+                        _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 8)));
+    bytes = _mm256_blendv_epi8(_mm256_blendv_epi8(bytes, high_bytes, high), low_bytes, low);
+    pairs =
+        static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(high, low))));
+  }
   // Lengths as two bits a lane, 1 + (at least two) + (three): bit k of a lane mask spread to
   // bit 2k adds one to lane k without carrying into the next.
   static constexpr uint8_t kSpread[16] = {0x00, 0x01, 0x04, 0x05, 0x10, 0x11, 0x14, 0x15,
@@ -75,8 +98,11 @@ ExpandTable const kExpand;
       static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(three_bytes)));
   // Lanes past the limit get the length 0.
   unsigned const kept = lanes >= 8 ? 0xFFFFu : (1u << (2 * lanes)) - 1;
-  unsigned const key_low = (0x55u + kSpread[twos & 0xF] + kSpread[threes & 0xF]) & kept;
-  unsigned const key_high = (0x55u + kSpread[twos >> 4] + kSpread[threes >> 4]) & (kept >> 8);
+  // A surrogate counts as three and gives two.
+  unsigned const key_low =
+      (0x55u + kSpread[twos & 0xF] + kSpread[threes & 0xF] - kSpread[pairs & 0xF]) & kept;
+  unsigned const key_high =
+      (0x55u + kSpread[twos >> 4] + kSpread[threes >> 4] - kSpread[pairs >> 4]) & (kept >> 8);
   __m128i const low =
       _mm_shuffle_epi8(_mm256_castsi256_si128(bytes),
                        _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key_low])));
@@ -112,12 +138,82 @@ inline size_t scalar_unit(unsigned short const* p, size_t left, char* out, size_
   return *written = 4, 2;
 }
 
+// For eight units each below U+0800, one bit a unit that takes two bytes: the shuffle that keeps
+// the low byte of every 16-bit lane and the high byte of those.
+struct PairTable {
+  alignas(16) uint8_t patterns[256][16] = {};
+  uint8_t lengths[256] = {};
+  constexpr PairTable() {
+    for (int key = 0; key < 256; ++key) {
+      int out = 0;
+      for (int lane = 0; lane < 8; ++lane) {
+        patterns[key][out++] = static_cast<uint8_t>(2 * lane);
+        if ((key >> lane) & 1) patterns[key][out++] = static_cast<uint8_t>(2 * lane + 1);
+      }
+      lengths[key] = static_cast<uint8_t>(out);
+      for (; out < 16; ++out) patterns[key][out] = 0x80;
+    }
+  }
+};
+
+constexpr PairTable kPairTable;
+
+// Sixteen units each below U+0800 as UTF-8; returns the bytes written (32 at most).
+[[gnu::target("avx2")]] inline size_t sixteen_short_units(__m256i units, char* out) {
+  __m256i const two_bytes = _mm256_cmpgt_epi16(units, _mm256_set1_epi16(0x7F));
+  // Lead byte low, continuation high.
+  __m256i const two = _mm256_or_si256(
+      _mm256_or_si256(_mm256_srli_epi16(units, 6), _mm256_set1_epi16(static_cast<short>(0x80C0))),
+      _mm256_slli_epi16(_mm256_and_si256(units, _mm256_set1_epi16(0x3F)), 8));
+  __m256i const bytes = _mm256_blendv_epi8(units, two, two_bytes);
+  unsigned const mask =
+      static_cast<unsigned>(_mm256_movemask_epi8(_mm256_packs_epi16(two_bytes, two_bytes)));
+  unsigned const key_low = mask & 0xFF;
+  unsigned const key_high = (mask >> 16) & 0xFF;
+  __m128i const low = _mm_shuffle_epi8(
+      _mm256_castsi256_si128(bytes),
+      _mm_load_si128(reinterpret_cast<__m128i const*>(kPairTable.patterns[key_low])));
+  __m128i const high = _mm_shuffle_epi8(
+      _mm256_extracti128_si256(bytes, 1),
+      _mm_load_si128(reinterpret_cast<__m128i const*>(kPairTable.patterns[key_high])));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), low);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + kPairTable.lengths[key_low]), high);
+  return kPairTable.lengths[key_low] + kPairTable.lengths[key_high];
+}
+
+// The units of `units` one lane later: lane k holds lane k - 1, lane 0 holds zero.
+[[gnu::target("avx2")]] inline __m256i one_lane_later(__m256i units) {
+  return _mm256_alignr_epi8(units, _mm256_permute2x128_si256(units, units, 0x08), 14);
+}
+
+// The units of `units` one lane earlier: lane k holds lane k + 1, lane 15 holds zero.
+[[gnu::target("avx2")]] inline __m256i one_lane_earlier(__m256i units) {
+  return _mm256_alignr_epi8(_mm256_permute2x128_si256(units, units, 0x81), units, 2);
+}
+
+// How many of sixteen units from the first can go to the vector code: up to the first unit
+// that is U+FEFF, U+FFFE, U+FFFF or a surrogate not in a pair within the sixteen.
+[[gnu::target("avx2")]] inline unsigned vouched_lanes(__m256i units) {
+  __m256i const kind = _mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xFC00)));
+  __m256i const high = _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xD800)));
+  __m256i const low = _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xDC00)));
+  __m256i const lone_high = _mm256_andnot_si256(one_lane_earlier(low), high);
+  __m256i const lone_low = _mm256_andnot_si256(one_lane_later(high), low);
+  __m256i const refused = _mm256_or_si256(
+      _mm256_cmpeq_epi16(_mm256_max_epu16(units, _mm256_set1_epi16(static_cast<short>(0xFFFE))),
+                         units),
+      _mm256_cmpeq_epi16(units, _mm256_set1_epi16(static_cast<short>(0xFEFF))));
+  unsigned const bad = static_cast<unsigned>(
+      _mm256_movemask_epi8(_mm256_or_si256(_mm256_or_si256(lone_high, lone_low), refused)));
+  return bad == 0 ? 16 : static_cast<unsigned>(__builtin_ctz(bad)) / 2;
+}
+
 [[gnu::target("avx2")]] ConversionProgress to_utf8_avx2(unsigned short const* p, size_t size,
                                                         char* out, size_t capacity) {
   size_t i = 0;
   size_t o = 0;
   while (i < size) {
-    if (i + 16 <= size && o + 16 <= capacity) {
+    if (i + 16 <= size && capacity - o >= 64) {
       __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
       if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xFF80)))) {
         _mm_storeu_si128(
@@ -127,23 +223,20 @@ inline size_t scalar_unit(unsigned short const* p, size_t left, char* out, size_
         o += 16;
         continue;
       }
-    }
-    if (i + 8 <= size && o + 8 <= capacity) {
-      __m128i const units = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
-      if (_mm_testz_si128(units, _mm_set1_epi16(static_cast<short>(0xFF80)))) {
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + o), _mm_packus_epi16(units, units));
-        i += 8;
-        o += 8;
+      if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xF800)))) {
+        o += sixteen_short_units(block, out + o);
+        i += 16;
         continue;
       }
-    }
-    if (i + 8 <= size && o + 32 <= capacity) {
-      // Up to the first special unit, which the scalar step below takes.
-      __m128i const units = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + i));
-      unsigned const special = special_units(units);
-      unsigned const lanes = special == 0 ? 8 : static_cast<unsigned>(__builtin_ctz(special)) / 2;
+      unsigned const lanes = vouched_lanes(block);
       if (lanes > 0) {
-        o += eight_units(units, out + o, lanes);
+        __m256i const previous = one_lane_later(block);
+        o += eight_units<true>(_mm256_castsi256_si128(block), _mm256_castsi256_si128(previous),
+                               out + o, lanes < 8 ? lanes : 8);
+        if (lanes > 8) {
+          o += eight_units<true>(_mm256_extracti128_si256(block, 1),
+                                 _mm256_extracti128_si256(previous, 1), out + o, lanes - 8);
+        }
         i += lanes;
         continue;
       }
