@@ -27,9 +27,9 @@ size_t valid_prefix_vector(char const* text, size_t size, bool for_conversion) n
 
 // Converts the longest prefix of `text` that the vector validator finds valid and the
 // conversions accept to UTF-16 (16-bit units) or UCS-4 (32-bit units) while the destination
-// has room; stops where a character begins, usually fewer than sixteen bytes before the end or
-// the first byte it cannot vouch for. Writes nothing beyond `capacity`. Does nothing where the
-// processor has no AVX2 or the text is shorter than sixteen bytes.
+// has room; stops where a character begins, fewer than 66 bytes before the end or the first byte
+// it cannot vouch for. Writes nothing beyond `capacity`. Does nothing where the processor has no
+// AVX2 or the text is shorter than 66 bytes.
 template <class Unit>
 ConversionProgress utf8_to_units_prefix(char const* text, size_t size, Unit* out,
                                         size_t capacity) noexcept;

@@ -18,6 +18,8 @@ namespace {
 // Text is validated a piece at a time, so that the conversion reads it while it is still in the
 // first-level cache.
 constexpr size_t kPiece = 4 << 10;
+// A block is 64 bytes, and the characters that begin in it are read up to two bytes past it.
+constexpr size_t kBlockRead = 66;
 
 // For each set of kept lanes among eight 16-bit lanes, the shuffle that packs them to the
 // front, in order.
@@ -144,7 +146,7 @@ template <class Unit>
   size_t i = 0;
   size_t o = 0;
   unsigned carry = 0;  // 1 when the last block ended on a four-byte lead
-  while (size - i >= 66 && capacity - o >= 80) {
+  while (size - i >= kBlockRead && capacity - o >= 80) {
     __m256i const first = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
     __m256i const second = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i + 32));
     if (_mm256_movemask_epi8(_mm256_or_si256(first, second)) == 0) {
@@ -203,7 +205,7 @@ template <class Unit>
                                                         Unit* out, size_t capacity) {
   size_t i = 0;
   size_t o = 0;
-  while (size - i >= 16) {
+  while (size - i >= kBlockRead) {
     size_t const piece = size - i < kPiece ? size - i : kPiece;
     size_t const valid = valid_prefix_vector(reinterpret_cast<char const*>(p + i), piece, true);
     ConversionProgress const done = convert_valid(p + i, valid, out + o, capacity - o);
@@ -219,7 +221,8 @@ template <class Unit>
 template <class Unit>
 ConversionProgress utf8_to_units_prefix(char const* text, size_t size, Unit* out,
                                         size_t capacity) noexcept {
-  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};
+  // A text too short for one block would pay for validation and convert nothing.
+  if (!has_avx2() || size < kBlockRead) return ConversionProgress{0, 0};
   return convert_avx2(reinterpret_cast<unsigned char const*>(text), size, out, capacity);
 }
 

@@ -70,7 +70,7 @@ template <bool kPairs>
   __m256i bytes =
       _mm256_blendv_epi8(_mm256_blendv_epi8(one, two, at_least_two), three, three_bytes);
   unsigned pairs = 0;
-  if (kPairs) {
+  if constexpr (kPairs) {
     __m256i const kind = _mm256_and_si256(c, _mm256_set1_epi32(0xFC00));
     __m256i const high = _mm256_cmpeq_epi32(kind, _mm256_set1_epi32(0xD800));
     __m256i const low = _mm256_cmpeq_epi32(kind, _mm256_set1_epi32(0xDC00));
@@ -191,6 +191,13 @@ constexpr PairTable kPairTable;
   return _mm256_alignr_epi8(_mm256_permute2x128_si256(units, units, 0x81), units, 2);
 }
 
+[[gnu::target("avx2")]] inline bool has_surrogate(__m256i units) {
+  __m256i const surrogate =
+      _mm256_cmpeq_epi16(_mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))),
+                         _mm256_set1_epi16(static_cast<short>(0xD800)));
+  return !_mm256_testz_si256(surrogate, surrogate);
+}
+
 // How many of sixteen units from the first can go to the vector code: up to the first unit
 // that is U+FEFF, U+FFFE, U+FFFF or a surrogate not in a pair within the sixteen.
 [[gnu::target("avx2")]] inline unsigned vouched_lanes(__m256i units) {
@@ -229,6 +236,12 @@ constexpr PairTable kPairTable;
         continue;
       }
       unsigned const lanes = vouched_lanes(block);
+      if (lanes == 16 && !has_surrogate(block)) {
+        o += eight_units<false>(_mm256_castsi256_si128(block), _mm_setzero_si128(), out + o);
+        o += eight_units<false>(_mm256_extracti128_si256(block, 1), _mm_setzero_si128(), out + o);
+        i += 16;
+        continue;
+      }
       if (lanes > 0) {
         __m256i const previous = one_lane_later(block);
         o += eight_units<true>(_mm256_castsi256_si128(block), _mm256_castsi256_si128(previous),
