@@ -48,70 +48,69 @@ ExpandTable const kExpand;
   return special_units(units) != 0;
 }
 
-// The first `lanes` of eight units as UTF-8; returns the bytes written (at most 24, and 32 are
-// stored). With `kPairs`, each surrogate of a pair the caller has checked gives two bytes of the
-// four: a high one the first two, from its own bits, and a low one the last two, from its bits
-// and the two low bits of the high one before it, which `previous` holds in the same lane.
-template <bool kPairs>
-[[gnu::target("avx2")]] inline size_t eight_units(__m128i units, __m128i previous, char* out,
-                                                  unsigned lanes = 8) {
-  __m256i const c = _mm256_cvtepu16_epi32(units);
-  __m256i const one = c;
+// The first `lanes` of sixteen units as UTF-8; returns the bytes written (at most 48, and up to
+// 60 are stored). Each unit becomes a 32-bit word of one to three bytes, and a shuffle for each
+// four words packs their bytes. Each surrogate of a pair the caller has checked gives two bytes
+// of the four: a high one the first two, from its own bits, and a low one the last two, from its
+// bits and the two low bits of the high one before it, which `previous` holds in the same lane.
+[[gnu::target("avx2")]] inline size_t sixteen_units(__m256i units, __m256i previous, char* out,
+                                                    unsigned lanes) {
+  __m256i const six_bits = _mm256_set1_epi16(0x3F);
+  __m256i const marker = _mm256_set1_epi16(0x80);
+  __m256i const last = _mm256_or_si256(_mm256_and_si256(units, six_bits), marker);
+  __m256i const middle =
+      _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(units, 6), six_bits), marker);
   __m256i const two =
-      _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi32(c, 6), _mm256_set1_epi32(0x80C0)),
-                      _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 8));
-  __m256i const three = _mm256_or_si256(
-      _mm256_or_si256(_mm256_srli_epi32(c, 12), _mm256_set1_epi32(0x8080E0)),
-      _mm256_or_si256(
-          _mm256_slli_epi32(_mm256_and_si256(_mm256_srli_epi32(c, 6), _mm256_set1_epi32(0x3F)), 8),
-          _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 16)));
-  __m256i const at_least_two = _mm256_cmpgt_epi32(c, _mm256_set1_epi32(0x7F));
-  __m256i const three_bytes = _mm256_cmpgt_epi32(c, _mm256_set1_epi32(0x7FF));
-  __m256i bytes =
-      _mm256_blendv_epi8(_mm256_blendv_epi8(one, two, at_least_two), three, three_bytes);
-  unsigned pairs = 0;
-  if constexpr (kPairs) {
-    __m256i const kind = _mm256_and_si256(c, _mm256_set1_epi32(0xFC00));
-    __m256i const high = _mm256_cmpeq_epi32(kind, _mm256_set1_epi32(0xD800));
-    __m256i const low = _mm256_cmpeq_epi32(kind, _mm256_set1_epi32(0xDC00));
-    __m256i const top = _mm256_sub_epi32(c, _mm256_set1_epi32(0xD7C0));  // scalar >> 10
-    __m256i const high_bytes = _mm256_or_si256(
-        _mm256_or_si256(_mm256_srli_epi32(top, 8), _mm256_set1_epi32(0x80F0)),
-        _mm256_slli_epi32(_mm256_and_si256(_mm256_srli_epi32(top, 2), _mm256_set1_epi32(0x3F)), 8));
-    __m256i const before = _mm256_cvtepu16_epi32(previous);
-    __m256i const low_bytes = _mm256_or_si256(
-        _mm256_or_si256(_mm256_slli_epi32(_mm256_and_si256(before, _mm256_set1_epi32(3)), 4),
-                        _mm256_set1_epi32(0x8080)),
-        _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi32(c, 6), _mm256_set1_epi32(0x0F)),
-                        _mm256_slli_epi32(_mm256_and_si256(c, _mm256_set1_epi32(0x3F)), 8)));
-    bytes = _mm256_blendv_epi8(_mm256_blendv_epi8(bytes, high_bytes, high), low_bytes, low);
-    pairs =
-        static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(high, low))));
+      _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi16(units, 6), _mm256_set1_epi16(0xC0)),
+                      _mm256_slli_epi16(last, 8));
+  __m256i const three =
+      _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi16(units, 12), _mm256_set1_epi16(0xE0)),
+                      _mm256_slli_epi16(middle, 8));
+  __m256i const one_byte =
+      _mm256_cmpeq_epi16(_mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xFF80))),
+                         _mm256_setzero_si256());
+  __m256i const short_form =
+      _mm256_cmpeq_epi16(_mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))),
+                         _mm256_setzero_si256());
+  __m256i first = _mm256_blendv_epi8(_mm256_blendv_epi8(three, two, short_form), units, one_byte);
+  // Surrogate halves.
+  __m256i const kind = _mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xFC00)));
+  __m256i const high = _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xD800)));
+  __m256i const low = _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xDC00)));
+  __m256i const top = _mm256_sub_epi16(units, _mm256_set1_epi16(static_cast<short>(0xD7C0)));
+  __m256i const high_bytes = _mm256_or_si256(
+      _mm256_or_si256(_mm256_srli_epi16(top, 8), _mm256_set1_epi16(0xF0)),
+      _mm256_slli_epi16(
+          _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(top, 2), six_bits), marker), 8));
+  __m256i const low_bytes = _mm256_or_si256(
+      _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(previous, _mm256_set1_epi16(3)), 4),
+                      _mm256_and_si256(_mm256_srli_epi16(units, 6), _mm256_set1_epi16(0x0F))),
+      _mm256_or_si256(marker, _mm256_slli_epi16(last, 8)));
+  first = _mm256_blendv_epi8(_mm256_blendv_epi8(first, high_bytes, high), low_bytes, low);
+  __m256i const pair = _mm256_or_si256(high, low);
+  __m256i const third = _mm256_andnot_si256(_mm256_or_si256(short_form, pair), last);
+  __m256i const words_low = _mm256_unpacklo_epi16(first, third);   // units 0-3 and 8-11
+  __m256i const words_high = _mm256_unpackhi_epi16(first, third);  // units 4-7 and 12-15
+  // Two bits of length a unit: 3, less one for a short form, an ASCII unit or a surrogate.
+  constexpr uint32_t kEven = 0x55555555;
+  uint32_t lengths = ~uint32_t{0} -
+                     (static_cast<uint32_t>(_mm256_movemask_epi8(short_form)) & kEven) -
+                     (static_cast<uint32_t>(_mm256_movemask_epi8(one_byte)) & kEven) -
+                     (static_cast<uint32_t>(_mm256_movemask_epi8(pair)) & kEven);
+  if (lanes < 16) lengths &= (uint32_t{1} << (2 * lanes)) - 1;
+  __m128i const groups[4] = {_mm256_castsi256_si128(words_low), _mm256_castsi256_si128(words_high),
+                             _mm256_extracti128_si256(words_low, 1),
+                             _mm256_extracti128_si256(words_high, 1)};
+  size_t o = 0;
+  for (int g = 0; g < 4; ++g) {
+    unsigned const key = (lengths >> (8 * g)) & 0xFF;
+    _mm_storeu_si128(
+        reinterpret_cast<__m128i*>(out + o),
+        _mm_shuffle_epi8(groups[g],
+                         _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key]))));
+    o += kExpand.lengths[key];
   }
-  // Lengths as two bits a lane, 1 + (at least two) + (three): bit k of a lane mask spread to
-  // bit 2k adds one to lane k without carrying into the next.
-  static constexpr uint8_t kSpread[16] = {0x00, 0x01, 0x04, 0x05, 0x10, 0x11, 0x14, 0x15,
-                                          0x40, 0x41, 0x44, 0x45, 0x50, 0x51, 0x54, 0x55};
-  unsigned const twos =
-      static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(at_least_two)));
-  unsigned const threes =
-      static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(three_bytes)));
-  // Lanes past the limit get the length 0.
-  unsigned const kept = lanes >= 8 ? 0xFFFFu : (1u << (2 * lanes)) - 1;
-  // A surrogate counts as three and gives two.
-  unsigned const key_low =
-      (0x55u + kSpread[twos & 0xF] + kSpread[threes & 0xF] - kSpread[pairs & 0xF]) & kept;
-  unsigned const key_high =
-      (0x55u + kSpread[twos >> 4] + kSpread[threes >> 4] - kSpread[pairs >> 4]) & (kept >> 8);
-  __m128i const low =
-      _mm_shuffle_epi8(_mm256_castsi256_si128(bytes),
-                       _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key_low])));
-  __m128i const high = _mm_shuffle_epi8(
-      _mm256_extracti128_si256(bytes, 1),
-      _mm_load_si128(reinterpret_cast<__m128i const*>(kExpand.patterns[key_high])));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), low);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + kExpand.lengths[key_low]), high);
-  return kExpand.lengths[key_low] + kExpand.lengths[key_high];
+  return o;
 }
 
 // One unit or a pair the conversions accept, as UTF-8; 0 consumed for anything else.
@@ -191,13 +190,6 @@ constexpr PairTable kPairTable;
   return _mm256_alignr_epi8(_mm256_permute2x128_si256(units, units, 0x81), units, 2);
 }
 
-[[gnu::target("avx2")]] inline bool has_surrogate(__m256i units) {
-  __m256i const surrogate =
-      _mm256_cmpeq_epi16(_mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xF800))),
-                         _mm256_set1_epi16(static_cast<short>(0xD800)));
-  return !_mm256_testz_si256(surrogate, surrogate);
-}
-
 // How many of sixteen units from the first can go to the vector code: up to the first unit
 // that is U+FEFF, U+FFFE, U+FFFF or a surrogate not in a pair within the sixteen.
 [[gnu::target("avx2")]] inline unsigned vouched_lanes(__m256i units) {
@@ -235,21 +227,10 @@ constexpr PairTable kPairTable;
         i += 16;
         continue;
       }
+      // No branch on how many lanes: in mixed text it would be a coin toss.
       unsigned const lanes = vouched_lanes(block);
-      if (lanes == 16 && !has_surrogate(block)) {
-        o += eight_units<false>(_mm256_castsi256_si128(block), _mm_setzero_si128(), out + o);
-        o += eight_units<false>(_mm256_extracti128_si256(block, 1), _mm_setzero_si128(), out + o);
-        i += 16;
-        continue;
-      }
       if (lanes > 0) {
-        __m256i const previous = one_lane_later(block);
-        o += eight_units<true>(_mm256_castsi256_si128(block), _mm256_castsi256_si128(previous),
-                               out + o, lanes < 8 ? lanes : 8);
-        if (lanes > 8) {
-          o += eight_units<true>(_mm256_extracti128_si256(block, 1),
-                                 _mm256_extracti128_si256(previous, 1), out + o, lanes - 8);
-        }
+        o += sixteen_units(block, one_lane_later(block), out + o, lanes);
         i += lanes;
         continue;
       }
