@@ -233,6 +233,111 @@ inline size_t encode_common(unsigned int s, char* out) {
 
 inline size_t common_utf8_length(unsigned int s) { return s < 0x800 ? 2 : s < 0x10000 ? 3 : 4; }
 
+// One character of one to four bytes that every conversion accepts, at `p` with at least four
+// bytes readable; its length, or 0 for anything else.
+template <class Unit>
+inline size_t common_character(unsigned char const* p, Unit* out, size_t* written) {
+  unsigned int const b0 = p[0];
+  if (b0 < 0x80) return out[0] = static_cast<Unit>(b0), *written = 1, 1;
+  if (b0 - 0xC2 < 0x1E) {
+    if (!is_continuation(p[1])) return 0;
+    out[0] = static_cast<Unit>(((b0 & 0x1Fu) << 6) | (p[1] & 0x3Fu));
+    return *written = 1, 2;
+  }
+  if ((b0 & 0xF0) == 0xE0) {
+    if (!is_continuation(p[1]) || !is_continuation(p[2])) return 0;
+    unsigned int const s = ((b0 & 0x0Fu) << 12) | ((p[1] & 0x3Fu) << 6) | (p[2] & 0x3Fu);
+    if (s < 0x800 || is_surrogate(s) || is_refused_noncharacter(s)) return 0;
+    out[0] = static_cast<Unit>(s);
+    return *written = 1, 3;
+  }
+  if (b0 - 0xF0 < 5) {
+    if (!is_continuation(p[1]) || !is_continuation(p[2]) || !is_continuation(p[3])) return 0;
+    unsigned int const s =
+        ((b0 & 0x07u) << 18) | ((p[1] & 0x3Fu) << 12) | ((p[2] & 0x3Fu) << 6) | (p[3] & 0x3Fu);
+    if (s < 0x10000 || s >= 0x110000) return 0;
+    if constexpr (sizeof(Unit) == 2) {
+      out[0] = static_cast<Unit>((s >> 10) + 0xD7C0);
+      out[1] = static_cast<Unit>((s & 0x3FF) | 0xDC00);
+      return *written = 2, 4;
+    } else {
+      out[0] = static_cast<Unit>(s);
+      return *written = 1, 4;
+    }
+  }
+  return 0;
+}
+
+// The characters every conversion accepts, converted while the destination has room; stops
+// at the first other byte. Short texts and the ends of long ones spend most of their time
+// here, so it takes no call and no lookup.
+template <class Unit>
+void common_run(char const* text, size_t size, Unit* out, size_t capacity, size_t* at,
+                size_t* count) {
+  auto const* p = reinterpret_cast<unsigned char const*>(text);
+  size_t i = *at;
+  size_t o = *count;
+  // While four bytes are readable and two units fit, no test of either per byte.
+  for (size_t const end = size < 3 ? 0 : size - 3; i < end && capacity - o >= 2;) {
+    size_t written = 0;
+    size_t const used = common_character(p + i, out + o, &written);
+    if (used == 0) break;
+    i += used;
+    o += written;
+  }
+  while (i < size && o < capacity) {
+    unsigned int const b0 = p[i];
+    if (b0 < 0x80) {
+      out[o++] = static_cast<Unit>(b0);
+      i += 1;
+    } else if (b0 - 0xC2 < 0x1E && i + 1 < size && is_continuation(p[i + 1])) {
+      out[o++] = static_cast<Unit>(((b0 & 0x1Fu) << 6) | (p[i + 1] & 0x3Fu));
+      i += 2;
+    } else if ((b0 & 0xF0) == 0xE0 && i + 2 < size && is_continuation(p[i + 1]) &&
+               is_continuation(p[i + 2])) {
+      unsigned int const s = ((b0 & 0x0Fu) << 12) | ((p[i + 1] & 0x3Fu) << 6) | (p[i + 2] & 0x3Fu);
+      if (s < 0x800 || is_surrogate(s) || is_refused_noncharacter(s)) break;
+      out[o++] = static_cast<Unit>(s);
+      i += 3;
+    } else {
+      break;
+    }
+  }
+  *at = i;
+  *count = o;
+}
+
+// The same the other way: units below U+10000 that every conversion accepts, while the
+// destination has room for the whole character.
+template <class Unit>
+void common_run(Unit const* text, size_t size, char* out, size_t capacity, size_t* at,
+                size_t* count) {
+  size_t i = *at;
+  size_t o = *count;
+  for (; i < size; ++i) {
+    auto const u = static_cast<unsigned int>(text[i]);
+    if (u < 0x80) {
+      if (o == capacity) break;
+      out[o++] = static_cast<char>(u);
+    } else if (u < 0x800) {
+      if (capacity - o < 2) break;
+      out[o] = static_cast<char>(0xC0 | (u >> 6));
+      out[o + 1] = static_cast<char>(0x80 | (u & 0x3F));
+      o += 2;
+    } else if (u < 0xD800 || (u >= 0xE000 && u <= 0xFFFD && u != 0xFEFF)) {
+      if (capacity - o < 3) break;
+      out[o] = static_cast<char>(0xE0 | (u >> 12));
+      out[o + 1] = static_cast<char>(0x80 | ((u >> 6) & 0x3F));
+      out[o + 2] = static_cast<char>(0x80 | (u & 0x3F));
+      o += 3;
+    } else {
+      break;
+    }
+  }
+  *at = i;
+  *count = o;
+}
+
 }  // namespace
 
 // ---- Per-character functions -----------------------------------------------------------------
@@ -449,13 +554,16 @@ size_t to_utf8_write(typename Source::Unit const* source, size_t size, char* des
   using Unit = typename Source::Unit;
   size_t count = 0;
   size_t i = 0;
-  if constexpr (Source::kVectorPrefix) {
-    impl::ConversionProgress const done =
-        impl::utf16_to_utf8_valid(source, size, destination, capacity);
-    i = done.consumed;
-    count = done.written;
-  }
   while (i < size) {
+    // The vector code takes what it can vouch for, again after each unit the rules handled.
+    if constexpr (Source::kVectorPrefix) {
+      impl::ConversionProgress const done =
+          impl::utf16_to_utf8_valid(source + i, size - i, destination + count, capacity - count);
+      i += done.consumed;
+      count += done.written;
+    }
+    common_run(source, size, destination, capacity, &i, &count);
+    if (i == size) break;
     if (static_cast<unsigned int>(source[i]) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       if (!store_run(source + i, run, destination, capacity, &count,
@@ -567,11 +675,16 @@ template <class Target>
 size_t from_utf8_write(char const* source, size_t size, typename Target::Unit* destination,
                        size_t capacity, typename Target::Unit replacement, int* first_invalid) {
   using Unit = typename Target::Unit;
-  impl::ConversionProgress const done =
-      impl::utf8_to_units_prefix(source, size, destination, capacity);
-  size_t count = done.written;
-  size_t i = done.consumed;
+  size_t count = 0;
+  size_t i = 0;
   while (i < size) {
+    // The vector code takes what it can vouch for, again after each character the rules handled.
+    impl::ConversionProgress const done =
+        impl::utf8_to_units_prefix(source + i, size - i, destination + count, capacity - count);
+    i += done.consumed;
+    count += done.written;
+    common_run(source, size, destination, capacity, &i, &count);
+    if (i == size) break;
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
       if (!store_run(source + i, run, destination, capacity, &count,

@@ -138,6 +138,35 @@ inline size_t block_by_character(unsigned char const* p, uint64_t leads, Unit* o
   return o;
 }
 
+// The characters that begin in the first `windows` sixteen-byte windows of a block, whose
+// leads and four-byte leads are given; `carry` is 1 when the block before ended on a four-byte
+// lead, and is left so for the next. Returns the units written (64 and 16 more stored at most).
+template <class Unit>
+[[gnu::target("avx2")]] inline size_t block_units(unsigned char const* p, uint64_t leads,
+                                                  uint64_t fours, int windows, unsigned* carry,
+                                                  Unit* out) {
+  size_t o = 0;
+  if ((fours | *carry) == 0) {
+    for (int w = 0; w < windows; ++w) {
+      o += store_kept(window_values<false>(p + 16 * w, 0),
+                      static_cast<unsigned>(leads >> (16 * w)) & 0xFFFF, out + o);
+    }
+  } else if constexpr (sizeof(Unit) == 2) {
+    uint64_t const low_lanes = fours << 1 | *carry;
+    uint64_t const keep = leads | low_lanes;
+    for (int w = 0; w < windows; ++w) {
+      o += store_kept(window_values<true>(p + 16 * w, static_cast<unsigned>(low_lanes >> (16 * w))),
+                      static_cast<unsigned>(keep >> (16 * w)) & 0xFFFF, out + o);
+    }
+    *carry = static_cast<unsigned>(fours >> 63);
+    return o;
+  } else {
+    o = block_by_character(p, leads, out);
+  }
+  *carry = 0;
+  return o;
+}
+
 // Converts valid text, from a character start, in blocks of 64 bytes (reading two more) while
 // the destination has room for 80 units; returns the progress at a character start.
 template <class Unit>
@@ -171,24 +200,7 @@ template <class Unit>
     uint64_t const leads = lead_mask(first) | static_cast<uint64_t>(lead_mask(second)) << 32;
     uint64_t const fours =
         four_byte_lead_mask(first) | static_cast<uint64_t>(four_byte_lead_mask(second)) << 32;
-    if ((fours | carry) == 0) {
-      for (int w = 0; w < 4; ++w) {
-        o += store_kept(window_values<false>(p + i + 16 * w, 0),
-                        static_cast<unsigned>(leads >> (16 * w)) & 0xFFFF, out + o);
-      }
-      carry = 0;
-    } else if constexpr (sizeof(Unit) == 2) {
-      uint64_t const low_lanes = fours << 1 | carry;
-      uint64_t const keep = leads | low_lanes;
-      for (int w = 0; w < 4; ++w) {
-        o += store_kept(
-            window_values<true>(p + i + 16 * w, static_cast<unsigned>(low_lanes >> (16 * w))),
-            static_cast<unsigned>(keep >> (16 * w)) & 0xFFFF, out + o);
-      }
-      carry = static_cast<unsigned>(fours >> 63);
-    } else {
-      o += block_by_character(p + i, leads, out + o);
-    }
+    o += block_units(p + i, leads, fours, 4, &carry, out + o);
     i += 64;
   }
   if constexpr (sizeof(Unit) == 2) {

@@ -211,42 +211,34 @@ constexpr PairTable kPairTable;
                                                         char* out, size_t capacity) {
   size_t i = 0;
   size_t o = 0;
-  while (i < size) {
-    if (i + 16 <= size && capacity - o >= 64) {
-      __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
-      if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xFF80)))) {
-        _mm_storeu_si128(
-            reinterpret_cast<__m128i*>(out + o),
-            _mm_packus_epi16(_mm256_castsi256_si128(block), _mm256_extracti128_si256(block, 1)));
-        i += 16;
-        o += 16;
-        continue;
-      }
-      if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xF800)))) {
-        o += sixteen_short_units(block, out + o);
-        i += 16;
-        continue;
-      }
-      // Two paths, not one with an add of `lanes`: the next load then need not wait for this
-      // block's masks, and the lane limit folds away in the common one.
-      unsigned const lanes = vouched_lanes(block);
-      if (__builtin_expect(lanes == 16, 1)) {
-        o += sixteen_units(block, one_lane_later(block), out + o, 16);
-        i += 16;
-        continue;
-      }
-      if (lanes > 0) {
-        o += sixteen_units(block, one_lane_later(block), out + o, lanes);
-        i += lanes;
-        continue;
-      }
+  // The end of the text, a short destination and every unit the rules must see are left to
+  // the caller.
+  while (i + 16 <= size && capacity - o >= 64) {
+    __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + i));
+    if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xFF80)))) {
+      _mm_storeu_si128(
+          reinterpret_cast<__m128i*>(out + o),
+          _mm_packus_epi16(_mm256_castsi256_si128(block), _mm256_extracti128_si256(block, 1)));
+      i += 16;
+      o += 16;
+      continue;
     }
-    if (o + 4 > capacity) break;  // the rules decide what a short destination gets
-    size_t written = 0;
-    size_t const used = scalar_unit(p + i, size - i, out + o, &written);
-    if (used == 0) break;
-    i += used;
-    o += written;
+    if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xF800)))) {
+      o += sixteen_short_units(block, out + o);
+      i += 16;
+      continue;
+    }
+    // Two paths, not one with an add of `lanes`: the next load then need not wait for this
+    // block's masks, and the lane limit folds away in the common one.
+    unsigned const lanes = vouched_lanes(block);
+    if (__builtin_expect(lanes == 16, 1)) {
+      o += sixteen_units(block, one_lane_later(block), out + o, 16);
+      i += 16;
+      continue;
+    }
+    if (lanes == 0) break;
+    o += sixteen_units(block, one_lane_later(block), out + o, lanes);
+    i += lanes;
   }
   return ConversionProgress{i, o};
 }
