@@ -77,6 +77,17 @@ TEST(StringTo, DoublesMatchStrtodOnGeneratedTexts) {
   }
 }
 
+// The inline path and the library agree on the longest number text: 127 characters read, 128 fail.
+TEST(StringTo, DoubleTextsOf128CharactersFail) {
+  std::string const longest = "1." + std::string(125, '0');
+  ErrorInfo::Ptr error;
+  EXPECT_EQ(string_to<double>(longest.data(), longest.size(), &error), 1.0);
+  EXPECT_FALSE(error);
+  std::string const too_long = longest + "0";
+  EXPECT_TRUE(std::isnan(string_to<double>(too_long.data(), too_long.size(), &error)));
+  EXPECT_TRUE(error);
+}
+
 struct IntegerCase {
   char const* text;
   unsigned int radix;

@@ -300,27 +300,26 @@ int boolean_word(char const* text, size_t size) {
   return 0;
 }
 
-constexpr size_t kLongestNumber = 127;
+constexpr size_t kLongestNumber = kLongestDoubleText;
 
-// strtod's result for the text, or false if it does not consume it all. A correctly rounded
-// from_chars result is strtod's too wherever from_chars takes the whole text and gives a
-// finite value; everything else (white space, '+', hexadecimal, inf, nan, overflow, underflow)
-// goes to strtod itself.
-bool parse_double(char const* text, size_t size, double* value) {
-  if (size > 0) {
-    double fast = 0;
-    std::from_chars_result const parsed = std::from_chars(text, text + size, fast);
-    if (parsed.ec == std::errc() && parsed.ptr == text + size && std::isfinite(fast)) {
-      *value = fast;
-      return true;
-    }
-  }
+// strtod's result for the text, or false if it does not consume it all; the text is at most
+// kLongestNumber characters. Kept out of line: its buffer would cost the common case a frame.
+[[gnu::noinline]] bool strtod_double(char const* text, size_t size, double* value) {
   char buffer[kLongestNumber + 1];  // strtod needs a terminated copy
   std::memcpy(buffer, text, size);
   buffer[size] = '\0';
   char* end = nullptr;
   *value = std::strtod(buffer, &end);
   return end == buffer + size;
+}
+
+// A correctly rounded from_chars result is strtod's too wherever from_chars takes the whole
+// text and gives a finite value; everything else (white space, '+', hexadecimal, inf, nan,
+// overflow, underflow) goes to strtod itself.
+inline bool parse_double(char const* text, size_t size, double* value) {
+  std::from_chars_result const parsed = std::from_chars(text, text + size, *value);
+  if (parsed.ec == std::errc() && parsed.ptr == text + size && std::isfinite(*value)) return true;
+  return strtod_double(text, size, value);
 }
 
 // A wide number holds ASCII only; anything else cannot be one.
@@ -332,21 +331,21 @@ bool narrow_number(wchar_t const* text, size_t size, char* out) {
   return true;
 }
 
-template <class Char>
-double checked_double(Char const* text, size_t size, std::type_info const& type,
+double checked_double(char const* text, size_t size, std::type_info const& type,
                       ErrorInfo::Ptr* error) {
   double value = 0;
-  if (size <= kLongestNumber) {
-    char narrow[kLongestNumber];
-    bool ascii = true;
-    char const* digits = nullptr;
-    if constexpr (std::is_same<Char, char>::value) {
-      digits = text;
-    } else {
-      ascii = narrow_number(text, size, narrow);
-      digits = narrow;
-    }
-    if (ascii && parse_double(digits, size, &value)) return value;
+  if (size <= kLongestNumber && parse_double(text, size, &value)) return value;
+  string_to_failure(text, size, type, error);
+  return std::numeric_limits<double>::quiet_NaN();
+}
+
+double checked_double(wchar_t const* text, size_t size, std::type_info const& type,
+                      ErrorInfo::Ptr* error) {
+  char narrow[kLongestNumber];
+  double value = 0;
+  if (size <= kLongestNumber && narrow_number(text, size, narrow) &&
+      parse_double(narrow, size, &value)) {
+    return value;
   }
   string_to_failure(text, size, type, error);
   return std::numeric_limits<double>::quiet_NaN();

@@ -27,6 +27,10 @@
 #include <tqcore/tqcore_export.h>
 
 #include <algorithm>
+#if __has_include(<charconv>)
+#include <charconv>
+#endif
+#include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <cwchar>
@@ -87,6 +91,7 @@ TQCORE_EXPORT bool string_to_bool(char const* text, size_t size, ErrorInfo::Ptr*
 TQCORE_EXPORT bool string_to_bool(wchar_t const* text, size_t size, ErrorInfo::Ptr* error);
 /// strtod's result exactly, in the "C" locale; texts of 128 characters or more fail.
 TQCORE_EXPORT double string_to_double(char const* text, size_t size, ErrorInfo::Ptr* error);
+constexpr size_t kLongestDoubleText = 127;
 TQCORE_EXPORT double string_to_double(wchar_t const* text, size_t size, ErrorInfo::Ptr* error);
 TQCORE_EXPORT float string_to_float(char const* text, size_t size, ErrorInfo::Ptr* error);
 TQCORE_EXPORT float string_to_float(wchar_t const* text, size_t size, ErrorInfo::Ptr* error);
@@ -224,6 +229,18 @@ T string_to(Char const* text, size_t size, ErrorInfo::Ptr* error = nullptr) {
   if constexpr (std::is_same<T, bool>::value) {
     return impl::string_to_bool(text, size, error);
   } else if constexpr (std::is_same<T, double>::value) {
+#if defined(__cpp_lib_to_chars)
+    // The common case without a call: a correctly rounded from_chars that takes the whole text
+    // and gives a finite value agrees with strtod; the library decides everything else.
+    if constexpr (std::is_same<Char, char>::value) {
+      double value = 0;
+      std::from_chars_result const parsed = std::from_chars(text, text + size, value);
+      if (size <= impl::kLongestDoubleText && parsed.ec == std::errc() &&
+          parsed.ptr == text + size && std::isfinite(value)) {
+        return value;
+      }
+    }
+#endif
     return impl::string_to_double(text, size, error);
   } else if constexpr (std::is_same<T, float>::value) {
     return impl::string_to_float(text, size, error);
