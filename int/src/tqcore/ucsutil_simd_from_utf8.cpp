@@ -10,10 +10,12 @@
 #include <cstdint>
 
 #include "ucsutil_simd.h"
+#include "ucsutil_simd_blocks.h"
 
 namespace tqcore {
 namespace impl {
 namespace {
+using namespace simd_blocks;  // NOLINT(google-build-using-namespace)
 
 // Text is validated a piece at a time, so that the conversion reads it while it is still in the
 // first-level cache.
@@ -61,17 +63,17 @@ constexpr CompactTable kCompact;
                             bits);
 }
 
-// The value of the character that begins at each of the sixteen bytes at `p` (reads eighteen),
+// The value of the character that begins at each of sixteen bytes, given with the bytes one and
+// two places on,
 // as one UTF-16 unit; with `pairs`, a four-byte lead gets its high surrogate and the lanes in
 // `low_lanes` (second bytes of four-byte forms) the low one.
 template <bool kPairs>
-[[gnu::target("avx2")]] inline __m256i window_values(unsigned char const* p, unsigned low_lanes) {
-  __m256i const b0 = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p)));
+[[gnu::target("avx2")]] inline __m256i window_values(__m128i bytes, __m128i next, __m128i after,
+                                                     unsigned low_lanes) {
+  __m256i const b0 = _mm256_cvtepu8_epi16(bytes);
   __m256i const mask6 = _mm256_set1_epi16(0x3F);
-  __m256i const b1 = _mm256_and_si256(
-      _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 1))), mask6);
-  __m256i const b2 = _mm256_and_si256(
-      _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 2))), mask6);
+  __m256i const b1 = _mm256_and_si256(_mm256_cvtepu8_epi16(next), mask6);
+  __m256i const b2 = _mm256_and_si256(_mm256_cvtepu8_epi16(after), mask6);
   __m256i const two =
       _mm256_or_si256(_mm256_slli_epi16(_mm256_and_si256(b0, _mm256_set1_epi16(0x1F)), 6), b1);
   __m256i const three =
@@ -87,6 +89,14 @@ template <bool kPairs>
                                       _mm256_set1_epi16(static_cast<short>(0xDC00)));
   units = _mm256_blendv_epi8(units, high, _mm256_cmpgt_epi16(b0, _mm256_set1_epi16(0xEF)));
   return _mm256_blendv_epi8(units, low, lanes_of(low_lanes));
+}
+
+// The same for the sixteen bytes at `p`, reading eighteen.
+template <bool kPairs>
+[[gnu::target("avx2")]] inline __m256i window_values(unsigned char const* p, unsigned low_lanes) {
+  return window_values<kPairs>(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p)),
+                               _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 1)),
+                               _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 2)), low_lanes);
 }
 
 // Packs the kept lanes of `units` to `out`; returns how many. Writes sixteen units at most.
@@ -228,13 +238,79 @@ template <class Unit>
   return ConversionProgress{i, o};
 }
 
+// Copies up to 128 bytes, a multiple of two, in at most eight moves of fixed size, which a
+// call to memcpy would cost more than for the few units of a short text.
+inline void copy_short(void* to, void const* from, size_t bytes) {
+  auto* d = static_cast<unsigned char*>(to);
+  auto const* s = static_cast<unsigned char const*>(from);
+  if (bytes >= 16) {
+    for (size_t k = 0; k + 16 < bytes; k += 16) __builtin_memcpy(d + k, s + k, 16);
+    __builtin_memcpy(d + bytes - 16, s + bytes - 16, 16);
+  } else if (bytes >= 8) {
+    __builtin_memcpy(d, s, 8);
+    __builtin_memcpy(d + bytes - 8, s + bytes - 8, 8);
+  } else if (bytes >= 4) {
+    __builtin_memcpy(d, s, 4);
+    __builtin_memcpy(d + bytes - 4, s + bytes - 4, 4);
+  } else if (bytes >= 2) {
+    __builtin_memcpy(d, s, 2);
+  }
+}
+
+// The two windows of a text of at most 32 bytes held in `low` and `high`.
+template <bool kPairs, class Unit>
+[[gnu::target("avx2")]] inline size_t short_windows(__m128i low, __m128i high, uint64_t leads,
+                                                    uint64_t low_lanes, Unit* out) {
+  __m128i const zero = _mm_setzero_si128();
+  uint64_t const keep = leads | low_lanes;
+  size_t const first = store_kept(
+      window_values<kPairs>(low, _mm_alignr_epi8(high, low, 1), _mm_alignr_epi8(high, low, 2),
+                            static_cast<unsigned>(low_lanes)),
+      static_cast<unsigned>(keep) & 0xFFFF, out);
+  return first + store_kept(window_values<kPairs>(high, _mm_alignr_epi8(zero, high, 1),
+                                                  _mm_alignr_epi8(zero, high, 2),
+                                                  static_cast<unsigned>(low_lanes >> 16)),
+                            static_cast<unsigned>(keep >> 16) & 0xFFFF, out + first);
+}
+
+// A whole valid text of sixteen to 32 bytes, from registers: no loop, so no branch to mispredict
+// where the script changes, which is what a short text costs a byte-by-byte walk. Writes nothing
+// unless all of it fits.
+template <class Unit>
+[[gnu::target("avx2")]] ConversionProgress convert_short(unsigned char const* p, size_t size,
+                                                         Unit* out, size_t capacity) {
+  __m256i const text = padded_tail(p, 0, size);
+  __m256i const errors = block_errors(text, _mm256_setzero_si256(), true);
+  if (!_mm256_testz_si256(errors, errors)) return ConversionProgress{0, 0};
+  uint64_t const leads = lead_mask(text) & ((uint64_t{1} << size) - 1);
+  uint64_t const fours = four_byte_lead_mask(text);
+  __m128i const low = _mm256_castsi256_si128(text);
+  __m128i const high = _mm256_extracti128_si256(text, 1);
+  Unit units[48];
+  size_t written = 0;
+  if (fours == 0 || sizeof(Unit) == 2) {
+    written = fours == 0 ? short_windows<false>(low, high, leads, 0, units)
+                         : short_windows<true>(low, high, leads, fours << 1, units);
+  } else {
+    alignas(32) unsigned char padded[32];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(padded), text);
+    written = block_by_character(padded, leads, units);
+  }
+  if (written > capacity) return ConversionProgress{0, 0};
+  copy_short(out, units, written * sizeof(Unit));
+  return ConversionProgress{size, written};
+}
+
 }  // namespace
 
 template <class Unit>
 ConversionProgress utf8_to_units_prefix(char const* text, size_t size, Unit* out,
                                         size_t capacity) noexcept {
+  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};
+  auto const* p = reinterpret_cast<unsigned char const*>(text);
+  if (size <= 32) return convert_short(p, size, out, capacity);
   // A text too short for one block would pay for validation and convert nothing.
-  if (!has_avx2() || size < kBlockRead) return ConversionProgress{0, 0};
+  if (size < kBlockRead) return ConversionProgress{0, 0};
   return convert_avx2(reinterpret_cast<unsigned char const*>(text), size, out, capacity);
 }
 
