@@ -238,25 +238,6 @@ template <class Unit>
   return ConversionProgress{i, o};
 }
 
-// Copies up to 128 bytes, a multiple of two, in at most eight moves of fixed size, which a
-// call to memcpy would cost more than for the few units of a short text.
-inline void copy_short(void* to, void const* from, size_t bytes) {
-  auto* d = static_cast<unsigned char*>(to);
-  auto const* s = static_cast<unsigned char const*>(from);
-  if (bytes >= 16) {
-    for (size_t k = 0; k + 16 < bytes; k += 16) __builtin_memcpy(d + k, s + k, 16);
-    __builtin_memcpy(d + bytes - 16, s + bytes - 16, 16);
-  } else if (bytes >= 8) {
-    __builtin_memcpy(d, s, 8);
-    __builtin_memcpy(d + bytes - 8, s + bytes - 8, 8);
-  } else if (bytes >= 4) {
-    __builtin_memcpy(d, s, 4);
-    __builtin_memcpy(d + bytes - 4, s + bytes - 4, 4);
-  } else if (bytes >= 2) {
-    __builtin_memcpy(d, s, 2);
-  }
-}
-
 // The two windows of a text of at most 32 bytes held in `low` and `high`.
 template <bool kPairs, class Unit>
 [[gnu::target("avx2")]] inline size_t short_windows(__m128i low, __m128i high, uint64_t leads,

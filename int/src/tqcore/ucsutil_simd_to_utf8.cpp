@@ -7,10 +7,12 @@
 #include <cstdint>
 
 #include "ucsutil_simd.h"
+#include "ucsutil_simd_blocks.h"
 
 namespace tqcore {
 namespace impl {
 namespace {
+using namespace simd_blocks;  // NOLINT(google-build-using-namespace)
 
 // For four 32-bit lanes of one to three UTF-8 bytes each (two bits of length per lane, 1 to 3),
 // the shuffle that packs the bytes of the lanes to the front, in order.
@@ -243,6 +245,66 @@ constexpr PairTable kPairTable;
   return ConversionProgress{i, o};
 }
 
+// Units `start` to `size` of a text of at least eight units (sixteen of them at most), then
+// zero lanes: loads that stay inside the text, and a shuffle that moves the last into place.
+[[gnu::target("avx2")]] inline __m256i padded_units(unsigned short const* p, size_t start,
+                                                    size_t size) {
+  alignas(16) static constexpr uint8_t kShifts[32] = {
+      0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,
+      11,   12,   13,   14,   15,   0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
+      0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
+  size_t const left = size - start;
+  __m128i const last = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + size - 8));
+  if (left >= 8) {
+    __m128i const rest = _mm_shuffle_epi8(
+        last, _mm_loadu_si128(reinterpret_cast<__m128i const*>(kShifts + 2 * (16 - left))));
+    return _mm256_set_m128i(rest, _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + start)));
+  }
+  __m128i const all = _mm_shuffle_epi8(
+      last, _mm_loadu_si128(reinterpret_cast<__m128i const*>(kShifts + 2 * (8 - left))));
+  return _mm256_set_m128i(_mm_setzero_si128(), all);
+}
+
+// The first `lanes` units of `block`, whose other lanes are zero, as UTF-8 at `out` (64 bytes
+// of room); 0 when a unit among them needs the rules.
+[[gnu::target("avx2")]] inline size_t register_to_utf8(__m256i block, unsigned lanes, char* out) {
+  if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xFF80)))) {
+    _mm_storeu_si128(
+        reinterpret_cast<__m128i*>(out),
+        _mm_packus_epi16(_mm256_castsi256_si128(block), _mm256_extracti128_si256(block, 1)));
+    return lanes;
+  }
+  if (_mm256_testz_si256(block, _mm256_set1_epi16(static_cast<short>(0xF800)))) {
+    return sixteen_short_units(block, out) - (16 - lanes);  // the zero lanes gave a byte each
+  }
+  if (vouched_lanes(block) < lanes) return 0;
+  return sixteen_units(block, one_lane_later(block), out, lanes);
+}
+
+// A text of eight to 31 units, in one or two registers with zero lanes after it: no loop, so
+// no branch to mispredict where the script changes. Writes nothing unless every unit is one the
+// vector code vouches for and all of it fits.
+[[gnu::target("avx2")]] ConversionProgress to_utf8_short(unsigned short const* p, size_t size,
+                                                         char* out, size_t capacity) {
+  char bytes[128];
+  size_t start = 0;
+  size_t written = 0;
+  if (size > 16) {
+    __m256i const block = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p));
+    // A pair across the sixteenth unit waits for the second register.
+    start = (p[15] & 0xFC00) == 0xD800 ? 15 : 16;
+    written = register_to_utf8(block, static_cast<unsigned>(start), bytes);
+    if (written == 0) return ConversionProgress{0, 0};
+  }
+  auto const lanes = static_cast<unsigned>(size - start);
+  size_t const rest = register_to_utf8(padded_units(p, start, size), lanes, bytes + written);
+  if (rest == 0) return ConversionProgress{0, 0};
+  written += rest;
+  if (written > capacity) return ConversionProgress{0, 0};
+  copy_short(out, bytes, written);
+  return ConversionProgress{size, written};
+}
+
 [[gnu::target("avx2")]] size_t utf8_length_avx2(unsigned short const* p, size_t size,
                                                 size_t* consumed) {
   size_t count = 0;
@@ -287,7 +349,8 @@ constexpr PairTable kPairTable;
 
 ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
                                        size_t capacity) noexcept {
-  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};  // short: the scalar loop wins
+  if (!has_avx2() || size < 8) return ConversionProgress{0, 0};  // the scalar loop wins
+  if (size < 32) return to_utf8_short(text, size, out, capacity);
   return to_utf8_avx2(text, size, out, capacity);
 }
 
