@@ -272,8 +272,8 @@ inline size_t common_character(unsigned char const* p, Unit* out, size_t* writte
 // at the first other byte. Short texts and the ends of long ones spend most of their time
 // here, so it takes no call and no lookup.
 template <class Unit>
-void common_run(char const* text, size_t size, Unit* out, size_t capacity, size_t* at,
-                size_t* count) {
+void common_run_from_utf8(char const* text, size_t size, Unit* out, size_t capacity, size_t* at,
+                          size_t* count) {
   auto const* p = reinterpret_cast<unsigned char const*>(text);
   size_t i = *at;
   size_t o = *count;
@@ -310,12 +310,12 @@ void common_run(char const* text, size_t size, Unit* out, size_t capacity, size_
 // The same the other way: units below U+10000 that every conversion accepts, while the
 // destination has room for the whole character.
 template <class Unit>
-void common_run(Unit const* text, size_t size, char* out, size_t capacity, size_t* at,
-                size_t* count) {
+void common_run_to_utf8(Unit const* text, size_t size, char* out, size_t capacity, size_t* at,
+                        size_t* count) {
   size_t i = *at;
   size_t o = *count;
   for (; i < size; ++i) {
-    auto const u = static_cast<unsigned int>(text[i]);
+    auto const u = static_cast<unsigned int>(static_cast<std::make_unsigned_t<Unit>>(text[i]));
     if (u < 0x80) {
       if (o == capacity) break;
       out[o++] = static_cast<char>(u);
@@ -562,7 +562,7 @@ size_t to_utf8_write(typename Source::Unit const* source, size_t size, char* des
       i += done.consumed;
       count += done.written;
     }
-    common_run(source, size, destination, capacity, &i, &count);
+    common_run_to_utf8(source, size, destination, capacity, &i, &count);
     if (i == size) break;
     if (static_cast<unsigned int>(source[i]) < 0x80) {
       size_t run = ascii_run(source + i, size - i);
@@ -683,7 +683,7 @@ size_t from_utf8_write(char const* source, size_t size, typename Target::Unit* d
         impl::utf8_to_units_prefix(source + i, size - i, destination + count, capacity - count);
     i += done.consumed;
     count += done.written;
-    common_run(source, size, destination, capacity, &i, &count);
+    common_run_from_utf8(source, size, destination, capacity, &i, &count);
     if (i == size) break;
     if (byte_at(source, i) < 0x80) {
       size_t run = ascii_run(source + i, size - i);

@@ -29,7 +29,7 @@ struct CompactTable {
   alignas(16) uint8_t patterns[256][16] = {};
   constexpr CompactTable() {
     for (int mask = 0; mask < 256; ++mask) {
-      int out = 0;
+      size_t out = 0;
       for (int lane = 0; lane < 8; ++lane) {
         if ((mask & (1 << lane)) == 0) continue;
         patterns[mask][2 * out] = static_cast<uint8_t>(2 * lane);
@@ -153,18 +153,18 @@ inline size_t block_by_character(unsigned char const* p, uint64_t leads, Unit* o
 // lead, and is left so for the next. Returns the units written (64 and 16 more stored at most).
 template <class Unit>
 [[gnu::target("avx2")]] inline size_t block_units(unsigned char const* p, uint64_t leads,
-                                                  uint64_t fours, int windows, unsigned* carry,
+                                                  uint64_t fours, size_t windows, unsigned* carry,
                                                   Unit* out) {
   size_t o = 0;
   if ((fours | *carry) == 0) {
-    for (int w = 0; w < windows; ++w) {
+    for (size_t w = 0; w < windows; ++w) {
       o += store_kept(window_values<false>(p + 16 * w, 0),
                       static_cast<unsigned>(leads >> (16 * w)) & 0xFFFF, out + o);
     }
   } else if constexpr (sizeof(Unit) == 2) {
     uint64_t const low_lanes = fours << 1 | *carry;
     uint64_t const keep = leads | low_lanes;
-    for (int w = 0; w < windows; ++w) {
+    for (size_t w = 0; w < windows; ++w) {
       o += store_kept(window_values<true>(p + 16 * w, static_cast<unsigned>(low_lanes >> (16 * w))),
                       static_cast<unsigned>(keep >> (16 * w)) & 0xFFFF, out + o);
     }
