@@ -109,7 +109,7 @@ template <int N>
   return !_mm256_testz_si256(_mm256_subs_epu8(input, limits), _mm256_subs_epu8(input, limits));
 }
 
-// Bytes `start` to `size` of a text of at least sixteen bytes (fewer than 32 of them), then
+// Bytes `start` to `size` of a text of at least sixteen bytes (32 of them at most), then
 // zero bytes: two loads that stay inside the text, and a shuffle that moves the last one into
 // place. No copy to the stack, which costs a short text more than the check itself.
 [[gnu::target("avx2")]] inline __m256i padded_tail(unsigned char const* p, size_t start,

@@ -246,23 +246,10 @@ constexpr PairTable kPairTable;
 }
 
 // Units `start` to `size` of a text of at least eight units (sixteen of them at most), then
-// zero lanes: loads that stay inside the text, and a shuffle that moves the last into place.
+// zero lanes.
 [[gnu::target("avx2")]] inline __m256i padded_units(unsigned short const* p, size_t start,
                                                     size_t size) {
-  alignas(16) static constexpr uint8_t kShifts[32] = {
-      0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,
-      11,   12,   13,   14,   15,   0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
-      0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
-  size_t const left = size - start;
-  __m128i const last = _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + size - 8));
-  if (left >= 8) {
-    __m128i const rest = _mm_shuffle_epi8(
-        last, _mm_loadu_si128(reinterpret_cast<__m128i const*>(kShifts + 2 * (16 - left))));
-    return _mm256_set_m128i(rest, _mm_loadu_si128(reinterpret_cast<__m128i const*>(p + start)));
-  }
-  __m128i const all = _mm_shuffle_epi8(
-      last, _mm_loadu_si128(reinterpret_cast<__m128i const*>(kShifts + 2 * (8 - left))));
-  return _mm256_set_m128i(_mm_setzero_si128(), all);
+  return padded_tail(reinterpret_cast<unsigned char const*>(p), 2 * start, 2 * size);
 }
 
 // The first `lanes` units of `block`, whose other lanes are zero, as UTF-8 at `out` (64 bytes
