@@ -135,20 +135,6 @@ TEST(FutureThreads, SleepingWaitersAreWoken) {
   EXPECT_LT(AbsoluteTime::now() - set_at, RelativeTime::seconds(5));
 }
 
-TEST(FutureThreads, ExactlyOneOfManySettersWins) {
-  Future<int> future;
-  std::atomic<int> winners{0};
-  std::vector<std::thread> setters;
-  for (int k = 0; k < 4; ++k) {
-    setters.emplace_back([future, &winners, k] {
-      if (future.set(k)) winners.fetch_add(1);
-    });
-  }
-  for (std::thread& setter : setters) setter.join();
-  EXPECT_EQ(winners.load(), 1);
-  EXPECT_GE(future.get(), 0);
-}
-
 TEST(FutureThreads, BarrierWaitsWhileOthersComplete) {
   std::vector<Future<int>> futures(6);
   AnyFutureBarrier barrier;
@@ -287,25 +273,6 @@ TEST(ResultThreads, SignalsRacingACancelAreSwallowedOrWin) {
     EXPECT_EQ(raised.load(), cancel_won ? 0 : 1) << round;
     handler = nullptr;
     EXPECT_TRUE(future.is_ready());
-  }
-}
-
-// Identifiers and keys made on many threads at once; run under ThreadSanitizer too.
-
-template <class F>
-void on_threads(int count, F body) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
-  for (std::thread& thread : threads) thread.join();
-}
-
-TEST(KeyThreads, ManyThreadsInterningOneNewTextGetOneItem) {
-  for (int round = 0; round < 50; ++round) {
-    std::string const text = "threads-race-" + std::to_string(round);
-    std::vector<StringKey> keys(4);
-    on_threads(4, [&](int t) { keys[t] = StringKey(text.c_str()); });
-    for (StringKey const& key : keys) ASSERT_EQ(key, keys[0]);
-    ASSERT_EQ(&keys[3].value(), &keys[0].value());
   }
 }
 
