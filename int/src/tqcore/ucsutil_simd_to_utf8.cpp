@@ -14,17 +14,19 @@ namespace impl {
 namespace {
 using namespace simd_blocks;  // NOLINT(google-build-using-namespace)
 
-// For four 32-bit lanes of one to three UTF-8 bytes each (two bits of length per lane, 1 to 3),
+// For four 32-bit lanes of up to three UTF-8 bytes each (two bits of length per lane, 0 to 3),
 // the shuffle that packs the bytes of the lanes to the front, in order.
 struct ExpandTable {
-  alignas(16) uint8_t patterns[256][16];
-  uint8_t lengths[256];
-  ExpandTable() {
+  alignas(16) uint8_t patterns[256][16] = {};
+  uint8_t lengths[256] = {};
+  constexpr ExpandTable() {
     for (int key = 0; key < 256; ++key) {
       int out = 0;
       for (int lane = 0; lane < 4; ++lane) {
         int const length = (key >> (2 * lane)) & 3;
-        for (int k = 0; k < length; ++k) patterns[key][out++] = static_cast<uint8_t>(4 * lane + k);
+        for (int k = 0; k < length; ++k) {
+          patterns[key][out++] = static_cast<uint8_t>(4 * lane + k);
+        }
       }
       lengths[key] = static_cast<uint8_t>(out);
       for (; out < 16; ++out) patterns[key][out] = 0x80;
@@ -32,7 +34,7 @@ struct ExpandTable {
   }
 };
 
-ExpandTable const kExpand;
+constexpr ExpandTable kExpand;
 
 // One bit per byte for units that need the scalar rules: surrogates, U+FEFF, U+FFFE, U+FFFF.
 [[gnu::target("avx2")]] inline unsigned special_units(__m128i units) {
