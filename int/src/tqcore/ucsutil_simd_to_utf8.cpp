@@ -189,25 +189,20 @@ constexpr PairTable kPairTable;
   return _mm256_alignr_epi8(units, _mm256_permute2x128_si256(units, units, 0x08), 14);
 }
 
-// The units of `units` one lane earlier: lane k holds lane k + 1, lane 15 holds zero.
-[[gnu::target("avx2")]] inline __m256i one_lane_earlier(__m256i units) {
-  return _mm256_alignr_epi8(_mm256_permute2x128_si256(units, units, 0x81), units, 2);
-}
-
 // How many of sixteen units from the first can go to the vector code: up to the first unit
 // that is U+FEFF, U+FFFE, U+FFFF or a surrogate not in a pair within the sixteen.
 [[gnu::target("avx2")]] inline unsigned vouched_lanes(__m256i units) {
   __m256i const kind = _mm256_and_si256(units, _mm256_set1_epi16(static_cast<short>(0xFC00)));
-  __m256i const high = _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xD800)));
-  __m256i const low = _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xDC00)));
-  __m256i const lone_high = _mm256_andnot_si256(one_lane_earlier(low), high);
-  __m256i const lone_low = _mm256_andnot_si256(one_lane_later(high), low);
-  __m256i const refused = _mm256_or_si256(
+  // Two bits a unit; a neighbour's are two bits away.
+  auto const high = static_cast<uint32_t>(_mm256_movemask_epi8(
+      _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xD800)))));
+  auto const low = static_cast<uint32_t>(_mm256_movemask_epi8(
+      _mm256_cmpeq_epi16(kind, _mm256_set1_epi16(static_cast<short>(0xDC00)))));
+  auto const refused = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_or_si256(
       _mm256_cmpeq_epi16(_mm256_max_epu16(units, _mm256_set1_epi16(static_cast<short>(0xFFFE))),
                          units),
-      _mm256_cmpeq_epi16(units, _mm256_set1_epi16(static_cast<short>(0xFEFF))));
-  unsigned const bad = static_cast<unsigned>(
-      _mm256_movemask_epi8(_mm256_or_si256(_mm256_or_si256(lone_high, lone_low), refused)));
+      _mm256_cmpeq_epi16(units, _mm256_set1_epi16(static_cast<short>(0xFEFF))))));
+  uint32_t const bad = (high & ~(low >> 2)) | (low & ~(high << 2)) | refused;
   return bad == 0 ? 16 : static_cast<unsigned>(__builtin_ctz(bad)) / 2;
 }
 
