@@ -28,14 +28,16 @@ size_t valid_prefix_vector(char const* text, size_t size, bool for_conversion) n
 // Converts the longest prefix of `text` that the vector validator finds valid and the
 // conversions accept to UTF-16 (16-bit units) or UCS-4 (32-bit units) while the destination
 // has room; stops where a character begins, fewer than 66 bytes before the end or the first byte
-// it cannot vouch for. Writes nothing beyond `capacity`. Does nothing where the processor has no
-// AVX2 or the text is shorter than 66 bytes.
+// it cannot vouch for. A text of 16 to 32 bytes is converted whole or not at all. Writes nothing
+// beyond `capacity`. Does nothing where the processor has no AVX2, or for texts shorter than
+// 16 bytes or of 33 to 65.
 template <class Unit>
 ConversionProgress utf8_to_units_prefix(char const* text, size_t size, Unit* out,
                                         size_t capacity) noexcept;
 
 // Converts UTF-16 to UTF-8 while the units are well formed and accepted by the conversions
-// and the destination has room; stops before the first unit it cannot vouch for.
+// and the destination has room; stops before the first unit it cannot vouch for. A text of 8 to
+// 31 units is converted whole or not at all; shorter ones are left to the caller.
 ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
                                        size_t capacity) noexcept;
 // The UTF-8 length of the longest such prefix of `text`, with `*consumed` its unit count.

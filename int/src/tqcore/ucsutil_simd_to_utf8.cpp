@@ -1,6 +1,7 @@
-// UTF-16 to UTF-8 with AVX2. Units are taken eight or sixteen at a time while none of them
-// needs the scalar rules (surrogates, U+FEFF, U+FFFE, U+FFFF); each lane is spread to one to three
-// bytes and a shuffle packs the bytes together.
+// UTF-16 to UTF-8 with AVX2, sixteen units at a time, surrogate pairs included, until a unit
+// the scalar rules must see (a lone surrogate, U+FEFF, U+FFFE, U+FFFF). Each unit becomes one
+// to three bytes in its lane and a shuffle packs them together; texts of eight to 31 units are
+// converted from one or two registers.
 #include <immintrin.h>
 
 #include <cstddef>
