@@ -299,6 +299,34 @@ TEST(UnicodeDifferential, LongTextMatchesTheRulesAcrossBlocks) {
   }
 }
 
+// 32-bit text has no surrogate pairs: each surrogate is refused alone, as is anything above
+// what the target holds, at every place in and across the vector blocks.
+TEST(UnicodeDifferential, Ucs4AndWideToUtf8RefuseEachSurrogate) {
+  std::mt19937 random(18);
+  unsigned int const units[] = {'a',     ' ',      0xE9,     0x416,      0x4E2D,
+                                0xFFFD,  0xD83D,   0xDE00,   0xFEFF,     0xFFFF,
+                                0x1F600, 0x10FFFF, 0x110000, 0x7FFFFFFF, 0xFFFFFFFF};
+  for (int round = 0; round < 2000; ++round) {
+    U32 text(random() % 300);
+    for (unsigned int& u : text) u = random() % 4 ? units[random() % 6] : units[random() % 15];
+    Bytes ucs4_expected;
+    Bytes wide_expected;
+    for (unsigned int u : text) {
+      char one[6];
+      size_t const n = ucs4_char_to_utf8(u, one, one + sizeof(one));
+      ucs4_expected += n == 0 ? Bytes("?") : Bytes(one, n);
+      wide_expected += n == 0 || u >= 0x110000 ? Bytes("?") : Bytes(one, n);
+    }
+    Bytes out(text.size() * 6, '\0');
+    out.resize(ucs4_to_utf8(text.data(), text.size(), out.data(), out.size(), '?', nullptr));
+    ASSERT_EQ(out, ucs4_expected) << round;
+    std::vector<wchar_t> const wide(text.begin(), text.end());
+    out.assign(text.size() * 6, '\0');
+    out.resize(wstr_to_utf8(wide.data(), wide.size(), out.data(), out.size(), '?', nullptr));
+    ASSERT_EQ(out, wide_expected) << round;
+  }
+}
+
 // Long valid text of every character length, converted into every destination size: a short
 // destination gets exactly the leading units and the call fails with ENOMEM.
 TEST(UnicodeDifferential, ShortDestinationsGetExactlyTheLeadingUnits) {

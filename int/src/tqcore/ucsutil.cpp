@@ -473,6 +473,10 @@ size_t ucs4_char_to_wide(unsigned int s, wchar_t* first, wchar_t* end) noexcept 
 struct Utf16Source {
   using Unit = unsigned short;
   static constexpr bool kVectorPrefix = true;
+  static impl::ConversionProgress vector_prefix(Unit const* text, size_t size, char* out,
+                                                size_t capacity) {
+    return impl::utf16_to_utf8_valid(text, size, out, capacity);
+  }
   static size_t decode(Unit const* text, size_t size, unsigned int* out) {
     return utf16_to_ucs4_char(text, size, out);
   }
@@ -498,6 +502,10 @@ struct Utf16Source {
 struct WideSource {
   using Unit = wchar_t;
   static constexpr bool kVectorPrefix = false;
+  static impl::ConversionProgress vector_prefix(Unit const* text, size_t size, char* out,
+                                                size_t capacity) {
+    return impl::wide_to_utf8_valid(text, size, out, capacity);
+  }
   static size_t decode(Unit const* text, size_t size, unsigned int* out) {
     return wide_to_ucs4_char(text, size, out);
   }
@@ -556,12 +564,10 @@ size_t to_utf8_write(typename Source::Unit const* source, size_t size, char* des
   size_t i = 0;
   while (i < size) {
     // The vector code takes what it can vouch for, again after each unit the rules handled.
-    if constexpr (Source::kVectorPrefix) {
-      impl::ConversionProgress const done =
-          impl::utf16_to_utf8_valid(source + i, size - i, destination + count, capacity - count);
-      i += done.consumed;
-      count += done.written;
-    }
+    impl::ConversionProgress const done =
+        Source::vector_prefix(source + i, size - i, destination + count, capacity - count);
+    i += done.consumed;
+    count += done.written;
     common_run_to_utf8(source, size, destination, capacity, &i, &count);
     if (i == size) break;
     if (static_cast<unsigned int>(source[i]) < 0x80) {
@@ -792,6 +798,12 @@ size_t ucs4_to_utf8_write(unsigned int const* source, size_t size, char* destina
                           size_t capacity, char replacement, int* first_invalid) {
   size_t count = 0;
   for (size_t i = 0; i < size; ++i) {
+    // The vector code takes what it can vouch for, again after each character it could not.
+    impl::ConversionProgress const done =
+        impl::ucs4_to_utf8_valid(source + i, size - i, destination + count, capacity - count);
+    i += done.consumed;
+    count += done.written;
+    if (i == size) break;
     if (source[i] < 0x80) {
       if (count == capacity) return fail(ENOMEM);
       destination[count++] = static_cast<char>(source[i]);

@@ -40,6 +40,12 @@ ConversionProgress utf8_to_units_prefix(char const* text, size_t size, Unit* out
 // 31 units is converted whole or not at all; shorter ones are left to the caller.
 ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, char* out,
                                        size_t capacity) noexcept;
+// The same from UCS-4 and from 32-bit wide units: units below U+10000 that the conversions
+// accept (no surrogate: 32-bit text has no pairs).
+ConversionProgress ucs4_to_utf8_valid(unsigned int const* text, size_t size, char* out,
+                                      size_t capacity) noexcept;
+ConversionProgress wide_to_utf8_valid(wchar_t const* text, size_t size, char* out,
+                                      size_t capacity) noexcept;
 // The UTF-8 length of the longest such prefix of `text`, with `*consumed` its unit count.
 size_t utf16_to_utf8_length_valid(unsigned short const* text, size_t size,
                                   size_t* consumed) noexcept;

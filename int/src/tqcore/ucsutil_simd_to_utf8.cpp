@@ -290,6 +290,59 @@ constexpr PairTable kPairTable;
   return ConversionProgress{size, written};
 }
 
+// Sixteen 32-bit units narrowed to 16-bit lanes, with how many from the first the 16-bit path
+// may take as single characters: below U+10000, no surrogate (32-bit text has no pairs), not
+// refused.
+struct NarrowedUnits {
+  __m256i block;
+  unsigned lanes;
+};
+
+[[gnu::target("avx2")]] inline NarrowedUnits narrow_units(unsigned char const* p) {
+  __m256i const first = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p));
+  __m256i const second = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(p + 32));
+  __m256i const top = _mm256_set1_epi32(static_cast<int>(0xFFFF0000u));
+  __m256i const zero = _mm256_setzero_si256();
+  // Wide lanes (any of the top bits, negative values included) as 16-bit lanes in order.
+  __m256i const ones = _mm256_set1_epi32(-1);
+  __m256i const wide = _mm256_permute4x64_epi64(
+      _mm256_packs_epi32(
+          _mm256_xor_si256(_mm256_cmpeq_epi32(_mm256_and_si256(first, top), zero), ones),
+          _mm256_xor_si256(_mm256_cmpeq_epi32(_mm256_and_si256(second, top), zero), ones)),
+      0xD8);
+  __m256i const block = _mm256_permute4x64_epi64(_mm256_packus_epi32(first, second), 0xD8);
+  __m256i const surrogate =
+      _mm256_cmpeq_epi16(_mm256_and_si256(block, _mm256_set1_epi16(static_cast<short>(0xF800))),
+                         _mm256_set1_epi16(static_cast<short>(0xD800)));
+  __m256i const refused = _mm256_or_si256(
+      _mm256_cmpeq_epi16(_mm256_max_epu16(block, _mm256_set1_epi16(static_cast<short>(0xFFFE))),
+                         block),
+      _mm256_cmpeq_epi16(block, _mm256_set1_epi16(static_cast<short>(0xFEFF))));
+  auto const bad = static_cast<uint32_t>(
+      _mm256_movemask_epi8(_mm256_or_si256(_mm256_or_si256(wide, surrogate), refused)));
+  return NarrowedUnits{block, bad == 0 ? 16 : static_cast<unsigned>(__builtin_ctz(bad)) / 2};
+}
+
+// UCS-4 or 32-bit wide text to UTF-8 sixteen units at a time, through the 16-bit path, until a
+// unit the rules must see; the end of the text and a short destination are left to the caller.
+[[gnu::target("avx2")]] ConversionProgress wide_to_utf8_avx2(unsigned char const* p, size_t size,
+                                                             char* out, size_t capacity) {
+  size_t i = 0;
+  size_t o = 0;
+  while (i + 16 <= size && capacity - o >= 64) {
+    NarrowedUnits const units = narrow_units(p + 4 * i);
+    if (units.lanes == 0) break;
+    if (units.lanes == 16 &&
+        _mm256_testz_si256(units.block, _mm256_set1_epi16(static_cast<short>(0xF800)))) {
+      o += sixteen_short_units(units.block, out + o);
+    } else {
+      o += sixteen_units(units.block, _mm256_setzero_si256(), out + o, units.lanes);
+    }
+    i += units.lanes;
+  }
+  return ConversionProgress{i, o};
+}
+
 [[gnu::target("avx2")]] size_t utf8_length_avx2(unsigned short const* p, size_t size,
                                                 size_t* consumed) {
   size_t count = 0;
@@ -337,6 +390,19 @@ ConversionProgress utf16_to_utf8_valid(unsigned short const* text, size_t size, 
   if (!has_avx2() || size < 8) return ConversionProgress{0, 0};  // the scalar loop wins
   if (size < 32) return to_utf8_short(text, size, out, capacity);
   return to_utf8_avx2(text, size, out, capacity);
+}
+
+ConversionProgress ucs4_to_utf8_valid(unsigned int const* text, size_t size, char* out,
+                                      size_t capacity) noexcept {
+  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};
+  return wide_to_utf8_avx2(reinterpret_cast<unsigned char const*>(text), size, out, capacity);
+}
+
+ConversionProgress wide_to_utf8_valid(wchar_t const* text, size_t size, char* out,
+                                      size_t capacity) noexcept {
+  static_assert(sizeof(wchar_t) == 4, "wide units are 32-bit here");
+  if (!has_avx2() || size < 16) return ConversionProgress{0, 0};
+  return wide_to_utf8_avx2(reinterpret_cast<unsigned char const*>(text), size, out, capacity);
 }
 
 size_t utf16_to_utf8_length_valid(unsigned short const* text, size_t size,
