@@ -80,9 +80,12 @@ bool create_diagnostic_memory_dump(EDiagnosticMemoryDumpType type, char const* p
   return write_memory_dump(nullptr, type, path, path_out, path_out_size);
 }
 
-void create_dump_and_trace_anonymous_exception(SourceLocation const& where) noexcept {
+namespace {
+
+void dump_and_trace(SourceLocation const& where, bool remember) noexcept {
   char path[512] = {};
   impl::DumpOutcome const outcome = impl::dump_for_catch(path, sizeof(path));
+  if (remember && outcome == impl::DumpOutcome::written) impl::remember_crash_dump(path);
   char const* message = outcome == impl::DumpOutcome::written     ? impl::kWritten
                         : outcome == impl::DumpOutcome::no_credit ? impl::kNoCredit
                                                                   : impl::kFailed;
@@ -103,6 +106,16 @@ void create_dump_and_trace_anonymous_exception(SourceLocation const& where) noex
                          "written to the temporary directory.",
                          nullptr, 0);
   }
+}
+
+}  // namespace
+
+void create_dump_and_trace_anonymous_exception(SourceLocation const& where) noexcept {
+  dump_and_trace(where, false);
+}
+
+void impl::dump_and_trace_before_exit(SourceLocation const& where) noexcept {
+  dump_and_trace(where, true);
 }
 
 }  // namespace tqcore

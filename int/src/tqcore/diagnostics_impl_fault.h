@@ -80,6 +80,10 @@ void arm_crash_watchdog() noexcept;
 // second one; empty if none.
 void remember_crash_dump(char const* path) noexcept;
 char const* crash_dump_path() noexcept;
+// What main_invoker does with an exception leaving main before the process ends: the public
+// dump and trace, with the dump remembered so that the terminate handler that follows names it
+// instead of writing a second one.
+void dump_and_trace_before_exit(SourceLocation const& where) noexcept;
 
 // The symbol engine's lock, which dumps share; false after waiting five seconds for it.
 bool lock_symbol_engine_for_dump() noexcept;

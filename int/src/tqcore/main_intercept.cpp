@@ -50,7 +50,7 @@ SourceLocation const& main_location() {
 // What main_invoker's `catch (...)` does, for a fault: dump (already written by the signal
 // handler), trace, and end as an object leaving main would.
 [[noreturn]] void report_fault() {
-  create_dump_and_trace_anonymous_exception(main_location());
+  dump_and_trace_before_exit(main_location());
   trace_critical_error(main_location(),
                        "Application main() function exited with unknown exception!", nullptr, 0);
   std::terminate();
@@ -164,7 +164,7 @@ int main_invoker(int (*main_function)(int, char**), int argc, char** argv) {
                          what, std::strlen(what));
     throw;
   } catch (...) {
-    create_dump_and_trace_anonymous_exception(impl::main_location());
+    impl::dump_and_trace_before_exit(impl::main_location());
     trace_critical_error(impl::main_location(),
                          "Application main() function exited with unknown exception!", nullptr, 0);
     throw;
