@@ -472,7 +472,7 @@ size_t ucs4_char_to_wide(unsigned int s, wchar_t* first, wchar_t* end) noexcept 
 
 struct Utf16Source {
   using Unit = unsigned short;
-  static constexpr bool kVectorPrefix = true;
+  static constexpr bool kVectorMeasure = true;  // the vector code measures UTF-16 too
   static impl::ConversionProgress vector_prefix(Unit const* text, size_t size, char* out,
                                                 size_t capacity) {
     return impl::utf16_to_utf8_valid(text, size, out, capacity);
@@ -501,7 +501,7 @@ struct Utf16Source {
 
 struct WideSource {
   using Unit = wchar_t;
-  static constexpr bool kVectorPrefix = false;
+  static constexpr bool kVectorMeasure = false;
   static impl::ConversionProgress vector_prefix(Unit const* text, size_t size, char* out,
                                                 size_t capacity) {
     return impl::wide_to_utf8_valid(text, size, out, capacity);
@@ -528,7 +528,7 @@ size_t to_utf8_measure(typename Source::Unit const* source, size_t size, char re
                        int* first_invalid) {
   size_t count = 0;
   size_t i = 0;
-  if constexpr (Source::kVectorPrefix) {
+  if constexpr (Source::kVectorMeasure) {
     count = impl::utf16_to_utf8_length_valid(source, size, &i);
   }
   while (i < size) {
